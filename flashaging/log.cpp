@@ -1,0 +1,41 @@
+#include "flashaging/log.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+
+void fv_format_time(char *buf, long sec, long usec) {
+    struct tm tmv {};
+    time_t t = static_cast<time_t>(sec);
+    localtime_r(&t, &tmv);
+    snprintf(buf, 64, "%04d-%02d-%02d %02d:%02d:%02d.%03ld", tmv.tm_year + 1900, tmv.tm_mon + 1,
+             tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec, usec / 1000);
+}
+
+void fv_print_time() {
+    struct timeval tv {};
+    gettimeofday(&tv, nullptr);
+    char text[64];
+    fv_format_time(text, tv.tv_sec, tv.tv_usec);
+    flash_printf("[%s][%d]", text, static_cast<int>(gettid()));
+}
+
+void log_errno(const char *msg) {
+    FLOG("log_errno", "INFO", "%s\n", msg);
+}
+
+float timediff(int64_t a_sec, int64_t a_nsec, int64_t b_sec, int64_t b_nsec) {
+    double a = static_cast<double>(a_sec) + static_cast<double>(a_nsec) * 1e-9;
+    double b = static_cast<double>(b_sec) + static_cast<double>(b_nsec) * 1e-9;
+    return static_cast<float>(a - b);
+}
+
+void flash_printf(const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    vfprintf(stdout, fmt, ap);
+    va_end(ap);
+}

@@ -1,0 +1,18 @@
+// Run control beside the entry point: the software watchdog, the abnormal-end handler and
+// the storage driver checks.
+#pragma once
+
+#include <pthread.h>
+
+#include <cstdint>
+
+extern pthread_mutex_t wdt_lock;
+extern pthread_cond_t wdt_cond;
+extern pthread_t wdt_thread;
+
+void *flash_wdt_thread(void *budget_seconds);  // the budget travels as an int64 in the pointer
+void flash_close_wdt();
+[[noreturn]] void flash_sigroutine(int sig);
+
+void driver_state_check();
+int device_get_flash_errors();  // 1 acceptable, 0 driver error
