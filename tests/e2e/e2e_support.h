@@ -1,0 +1,48 @@
+// Runs the real executable on a simulated phone and gives the scenario what the factory
+// sees: the pass/fail record, the daemon journal, the results file and the log.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace e2e {
+
+struct RunResult {
+    int sim_exit = -1;         // exit status of `flashaging-sim run`
+    std::string out_dir;       // the run directory the simulator filled
+    std::string sim_output;    // what the simulator printed (stdout and stderr)
+    std::string log;           // factory/flash_aging.log ("" when absent)
+    std::string journal;       // the daemon journal ("" when absent)
+    std::string record;        // raw bytes of factory/flash_aging_result.txt
+    bool has_record = false;
+    std::string results_csv;   // factory/flash_aging_results.csv
+    bool has_results_csv = false;
+
+    // Contents of a file below out_dir ("" when absent) and whether it exists.
+    std::string file(const std::string &relative) const;
+    bool exists(const std::string &relative) const;
+    // The journal, one call per element.
+    std::vector<std::string> journal_lines() const;
+    // The pass/fail record up to its first zero byte ("SUCCESS", "FAIL", "SKIP", "START").
+    std::string verdict_word() const;
+};
+
+// Builds a phone from sim/profiles/<profile>, with `overrides` appended to the profile
+// (later lines win for single-valued keys), and runs the executable in it. When `elements`
+// is given, those argument elements replace the profile's `arg` lines.
+RunResult run(const std::string &profile, const std::vector<std::string> &overrides = {},
+              const std::optional<std::vector<std::string>> &elements = std::nullopt);
+
+// Runs a command inside a phone built from the profile (`flashaging-sim exec`); returns
+// its exit status and fills `output` with what it printed.
+int exec(const std::string &profile, const std::vector<std::string> &overrides,
+         const std::vector<std::string> &command, std::string *output = nullptr);
+
+// Number of non-overlapping occurrences of `needle` in `haystack`.
+int count(const std::string &haystack, const std::string &needle);
+
+// Lines of `text` that contain `needle`.
+std::vector<std::string> lines_with(const std::string &text, const std::string &needle);
+
+}  // namespace e2e
