@@ -16,3 +16,32 @@ struct bench_worker {
 
 int benchmark_check();            // 0 passed or skipped, else the first failing worker's errno
 void *benchmark_fn(void *worker);  // bench_worker *
+
+// ---- the modes and their figures ---------------------------------------------------------
+
+inline constexpr int kBenchModes = 4;
+inline constexpr int kBenchWorkers = 8;
+inline constexpr uint64_t kBenchMinFree = 0x20000000;  // 512 MiB
+
+struct bench_mode {
+    const char *name;     // "seq write", "seq read", "rand write", "rand read"; else "ERROR"
+    bool sequential;      // modes 0 and 1
+    bool write;           // modes 0 and 2
+    int32_t size;         // bytes per transfer: 512 KiB sequential, 4 KiB random
+    uint32_t count;       // transfers per mode: 1024 sequential, 16384 random
+};
+
+// The mode of index 0..3 (any other index is named "ERROR").
+bench_mode bench_mode_of(int index);
+
+// Byte offset of transfer n (sequential) or of the random draw r (random) in a mode.
+uint64_t bench_offset(bool sequential, uint32_t n, int32_t r);
+
+// Total bytes and elapsed seconds of a mode from its worker records: the sum of the bytes,
+// and the latest end minus the earliest start in single precision.
+void bench_totals(const bench_worker *workers, int n, uint64_t *total, float *elapsed);
+
+// The transfer counter of the running mode: reset at each mode's start, and the number of
+// transfers taken so far (printed as "file num").
+void bench_reset_transfers();
+uint32_t bench_transfers_taken();

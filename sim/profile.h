@@ -1,0 +1,137 @@
+// A phone profile: small "key = value" text files under sim/profiles/ (see sim/README.md).
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace sim {
+
+// When a timed event fires: `seconds` after the executable started, or, when `path` is set,
+// `seconds` after that phone path first exists.
+struct Trigger {
+    double seconds = 0;
+    std::string path;
+    std::string text;  // as written in the profile
+};
+
+// The health tool's five counters, in the order the program reads them.
+enum Counter { kReadReclaim, kBadBlockRuntime, kTBW, kEraseCacheCntAvg, kEraseXLCCntAvg, kCounterCount };
+inline constexpr std::array<const char *, kCounterCount> kCounterNames = {
+    "readReclaim", "badBlockRuntime", "TBW", "eraseCacheCntAvg", "eraseXLCCntAvg"};
+
+struct Jump {
+    int counter = 0;
+    int64_t delta = 0;
+    Trigger at;
+};
+
+struct SignalEvent {
+    int signo = 0;
+    std::string name;
+    Trigger at;
+};
+
+struct Capture {
+    std::string path;
+    Trigger at;
+};
+
+struct TempStep {
+    long value = 0;
+    double at = 0;
+};
+
+struct Profile {
+    std::string file;  // where it was read from
+    std::string text;  // the text as read (overrides included)
+
+    // Run.
+    bool timeout_set = false;
+    double timeout = 1800;       // seconds; `run` uses 1800 when unset, `exec` none
+    double host_room_gib = -1;   // room the run needs on the host; -1 = estimate
+
+    // /data.
+    bool data_size_set = false;
+    double data_size_gib = 66;   // size of the sparse image
+    int64_t data_free_mib = -1;  // exact free space (statfs f_bfree) at start; -1 = as mkfs leaves it
+    bool ballast = false;
+    Trigger ballast_at;
+    int64_t ballast_leave_mib = 0;
+
+    // /cache/factory.
+    bool seed = false;
+    std::string seed_result;
+
+    // Kernel nodes.
+    std::string proc_version =
+        "Linux version 5.10.198-android13-4-sim (builder@flashaging-sim) (Android clang version 14.0.7) #1 SMP "
+        "PREEMPT Mon Jan 1 00:00:00 UTC 2024";
+    std::vector<std::string> storage = {"ufs"};
+    std::string device_version = "SIMUFS31-128G";
+    std::string manufacture = "SIMVENDOR";
+    bool devinfo_raw_set = false;
+    std::string devinfo_raw;
+    bool ufs_signal = true;
+    int64_t pa_err_total = 0;
+    int64_t dl_err_total = 0;
+    bool ufs_record_raw_set = false;
+    std::string ufs_record_raw;
+    bool ufs_record_upload_raw_set = false;
+    std::string ufs_record_upload_raw;
+    bool zarvo = true;
+    std::map<std::string, std::string> zarvo_text;
+    bool battery = true;
+    std::vector<TempStep> battery_temp = {{350, 0}};
+    std::vector<std::pair<std::string, std::string>> props;  // build.prop, in first-seen order
+
+    // Health tool and device model.
+    std::string health_tool = "yes";  // yes, no, silent
+    int64_t pe_start = 5;
+    double pe_per_gib = 0.5;
+    double waf = 2.0;
+    int64_t tbw_start = 12000;
+    int64_t read_reclaim_start = 3;
+    double read_reclaim_per_gib = 0.2;
+    int64_t bad_block_start = 0;
+    double bad_block_per_gib = 0;
+    int64_t cache_pe_start = 8;
+    double cache_pe_per_gib = 0.5;
+    std::vector<Jump> jumps;
+
+    // The daemon.
+    bool daemon = true;
+    std::string aging_version = "2.0";
+    bool daemon_unreachable = false;
+    bool args_fail = false;
+    std::vector<std::string> args;
+
+    // Faults.
+    bool corrupt = false;
+    Trigger corrupt_at;
+    std::vector<SignalEvent> signals;
+    std::vector<Capture> captures;
+};
+
+// The six files of /proc/zarvo_healthinfo/, in the program's order.
+inline constexpr std::array<const char *, 6> kZarvoFiles = {"alloc_wait", "cpu_loading", "iowait",
+                                                            "iowait_hung", "para_update", "sched_latency"};
+
+// Parses profile text into `p` (which holds the defaults). On a bad line returns false and
+// sets `error` to "line N: ...".
+bool parse_profile(const std::string &text, Profile &p, std::string &error);
+
+// Reads a profile file, then the extra lines (they override the file's lines).
+bool load_profile(const std::string &path, const std::vector<std::string> &extra_lines, Profile &p,
+                  std::string &error);
+
+// Parses "30", "2.5", "/phone/path", "/phone/path+3".
+bool parse_trigger(const std::string &text, Trigger &t);
+
+// Signal number of "TERM", "SIGTERM", "USR1", "15", ...; 0 when unknown.
+int signal_number(const std::string &name);
+
+}  // namespace sim
