@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -12,11 +13,13 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "flashaging/pattern.h"
 #include "flashaging/pattern_internal.h"
+#include "flashaging/sbmt_barrier.h"
 #include "test_pattern_support.h"
 
 using namespace pattern_test;
@@ -347,6 +350,53 @@ TEST(RandomFinishGroupFile, ConcurrentWritersShareOnePass) {
     std::set<std::string> names;
     for (const OpenFailure &f : fails) names.insert(f.name);
     EXPECT_EQ(names.size(), 44u);
+}
+
+// As in the storage filler: eight writers meet at the barrier after each pass and every one of
+// them restarts the pass itself, while a reader looks at the counts without the lock.
+TEST(RandomFinishGroupFile, WritersRestartingPassesTogetherWithAReaderLooking) {
+    ScratchDir tmp;
+    init_quietly(tmp.path(), 1);
+    const std::string missing = tmp.sub("missing");
+    SpinLock lock;
+    sbmt_barrier barrier;
+    ASSERT_EQ(sbmt_barrier_init(&barrier, 8), 1);
+    std::atomic<int> writers_left{8};
+    std::atomic<int> barrier_failures{0};
+    int64_t seen_size = 0;
+    file_desc *seen_desc = nullptr;
+
+    const std::string out = capture_stdout([&] {
+        std::vector<std::thread> threads;
+        for (int w = 0; w < 8; ++w)
+            threads.emplace_back([&] {
+                uint64_t bytes = 0;
+                for (int passes = 0;;) {
+                    if (random_finish_group_file(lock.get(), missing.c_str(), &bytes) != 2) continue;
+                    if (++passes == 3) break;
+                    if (sbmt_barrier_wait(&barrier) != 0) ++barrier_failures;
+                    init_file_group(1);
+                }
+                --writers_left;
+            });
+        threads.emplace_back([&] {
+            while (writers_left.load() > 0) {
+                seen_desc = random_get_file_desc(rand());
+                seen_size = g_group_size.load();
+                file_group *groups = g_cur_groups.load();
+                for (int32_t g = 0; g < g_cur_group_num.load(); ++g)
+                    for (int32_t i = 0; i < groups[g].desc_num; ++i) EXPECT_GE(groups[g].descs[i].left_num.load(), 0);
+            }
+        });
+        for (std::thread &t : threads) t.join();
+    });
+    EXPECT_EQ(barrier_failures.load(), 0);
+    EXPECT_EQ(seen_size, 242159616);
+    ASSERT_NE(seen_desc, nullptr);
+    EXPECT_EQ(seen_desc->file_size, 33554432);
+    // Each restart refills the counts, so at least three passes' worth of files were named.
+    EXPECT_GE(open_failures(out, false).size(), 3u * 44u);
+    EXPECT_EQ(sbmt_barrier_destroy(&barrier), 1);
 }
 
 }  // namespace

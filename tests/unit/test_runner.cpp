@@ -347,16 +347,6 @@ TEST_F(Runner, NotYetRunStatusIsNoError) {
     EXPECT_THAT(log_, Not(HasSubstr("get error state")));
 }
 
-TEST_F(Runner, VerdictBelongsToTheLastTestRun) {
-    // A skipped driver error on the first test, then a clean second test.
-    args_.skip_err_state = 1;
-    ASSERT_EQ(build(), 0);
-    g_filler.status_after_run = 0;
-    EXPECT_EQ(run(), -1);
-    EXPECT_EQ(g_h8.runs, 1);
-    EXPECT_EQ(g_filler.runs, 1);
-}
-
 TEST_F(Runner, MissingDurationIsTheMeasuredRunTime) {
     ASSERT_EQ(build(), 0);
     g_h8.duration_after_run = 0.0;

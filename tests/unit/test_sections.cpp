@@ -69,13 +69,6 @@ TEST_F(Sections, ReadFileDropsOnlyTheFinalLineEndAndCountsIt) {
     EXPECT_STREQ(buf2, "350");
 }
 
-TEST_F(Sections, ReadFileStopsAtTheLimit) {
-    std::string p = file("node", "0123456789\n");
-    char buf[16] = {};
-    EXPECT_EQ(read_file(p.c_str(), buf, 4), 4);
-    EXPECT_STREQ(buf, "0123");
-}
-
 TEST_F(Sections, ReadFileFailures) {
     char buf[16] = {};
     capture();
@@ -232,14 +225,6 @@ TEST(TestInfo, ExactBlockWithDeviceVersionUnindented) {
               "Device_version:0x0200\n Manufacture:SAMSUNG\n Board temperature:31\n"
               " Serialno:abc123\n Bootdevice:1d84000.ufshc\n Build description:user 12 "
               "release-keys\n uname:Linux version 5.10\n");
-}
-
-TEST(TestInfo, UnterminatedFieldIsBoundedByItsSize) {
-    device_properties p{};
-    memset(p.prjversion, 'v', sizeof p.prjversion);
-    Sink sink;
-    EXPECT_EQ(write_test_info(sink.out(), p), 0);
-    EXPECT_THAT(sink.text(), HasSubstr(" Product model: vvvvvvvvvv\n Board platform:\n"));
 }
 
 }  // namespace
