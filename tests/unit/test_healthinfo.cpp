@@ -32,16 +32,6 @@ healthinfo reading(uint32_t rr, uint32_t bb, uint32_t tbw, uint32_t cache, uint3
     return h;
 }
 
-TEST(HealthLine, KeysInTheirFixedOrder) {
-    healthinfo h{};
-    healthinfo_set_keys(&h);
-    EXPECT_STREQ(h.entry[HI_READ_RECLAIM].key, "readReclaim");
-    EXPECT_STREQ(h.entry[HI_BAD_BLOCK_RUNTIME].key, "badBlockRuntime");
-    EXPECT_STREQ(h.entry[HI_TBW].key, "TBW");
-    EXPECT_STREQ(h.entry[HI_ERASE_CACHE_CNT_AVG].key, "eraseCacheCntAvg");
-    EXPECT_STREQ(h.entry[HI_ERASE_XLC_CNT_AVG].key, "eraseXLCCntAvg");
-}
-
 TEST(HealthLine, NumberRightBehindTheKeyWithAtoiRules) {
     healthinfo h = reading(0, 0, 0, 0, 0);
     healthinfo_parse_line(&h, "TBW 12\n");
