@@ -103,17 +103,6 @@ TEST(PatternTables, UnknownCaseIdChangesNothing) {
     EXPECT_EQ(g_file_cases[1].groups[9].descs[0].left_num.load(), 1);
 }
 
-TEST(PatternTables, PassRestartRefillsCountsButKeepsSequence) {
-    ScratchDir tmp;
-    init_quietly(tmp.path(), 0);
-    EXPECT_EQ(g_file_seq, 0u);
-    g_file_seq = 57;
-    g_file_cases[0].groups[3].descs[7].left_num.store(0);
-    init_file_group(0);
-    EXPECT_EQ(g_file_cases[0].groups[3].descs[7].left_num.load(), 5);
-    EXPECT_EQ(g_file_seq, 57u);
-}
-
 TEST(PatternDirectory, MissingDirectoryIsReportedAndCreated) {
     ScratchDir tmp;
     const std::string dir = tmp.sub("fresh");
@@ -175,15 +164,6 @@ TEST(PatternDirectory, RemovalCommandIsCutAt63Characters) {
     init_quietly(long_dir, 0);
     EXPECT_FALSE(std::filesystem::exists(cut_dir));
     EXPECT_TRUE(std::filesystem::exists(long_dir + "keep"));
-}
-
-TEST(PatternDirectory, RemoveFileGivesTheShellStatus) {
-    ScratchDir tmp;
-    const std::string dir = tmp.sub("tree");
-    std::filesystem::create_directories(dir + "a/b");
-    std::ofstream(dir + "a/b/f") << "x";
-    EXPECT_EQ(system_rm_file(dir.c_str()), 0);
-    EXPECT_FALSE(std::filesystem::exists(dir));
 }
 
 }  // namespace
