@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <random>
 #include <set>
@@ -62,7 +63,7 @@ void mount_tmpfs(const std::string &dst, const char *options) {
 }
 
 // Binds `src` on `dst` (created as a directory or an empty file to match), read-only when asked.
-void bind(const std::string &src, const std::string &dst, bool read_only) {
+void bind_path(const std::string &src, const std::string &dst, bool read_only) {
     struct stat st;
     need(stat(src.c_str(), &st) == 0, "cannot find " + src);
     if (S_ISDIR(st.st_mode)) {
@@ -135,8 +136,8 @@ void build_root(const PhoneSpec &s) {
     mount_tmpfs(R, "mode=0755,size=1g");
 
     // The host's programs and libraries, read-only, laid out as on the host.
-    bind("/usr", R + "/usr", true);
-    bind("/etc", R + "/etc", true);
+    bind_path("/usr", R + "/usr", true);
+    bind_path("/etc", R + "/etc", true);
     for (const char *d : {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32"}) {
         struct stat st;
         if (lstat(d, &st) != 0) continue;
@@ -147,7 +148,7 @@ void build_root(const PhoneSpec &s) {
             target[n] = '\0';
             need(symlink(target, (R + d).c_str()) == 0, std::string("cannot make the link ") + d);
         } else if (S_ISDIR(st.st_mode)) {
-            bind(d, R + d, true);
+            bind_path(d, R + d, true);
         }
     }
 
@@ -155,7 +156,7 @@ void build_root(const PhoneSpec &s) {
     mount_tmpfs(R + "/dev", "mode=0755,size=1m");
     for (const char *dev : {"null", "zero", "full", "random", "urandom", "tty"}) {
         std::string src = std::string("/dev/") + dev;
-        if (exists(src)) bind(src, R + src, false);
+        if (exists(src)) bind_path(src, R + src, false);
     }
     mount_tmpfs(R + "/dev/shm", "mode=1777,size=64m");
     need(make_dirs(R + "/tmp", 01777) && chmod((R + "/tmp").c_str(), 01777) == 0, "cannot make /tmp");
@@ -197,7 +198,8 @@ void build_root(const PhoneSpec &s) {
     chmod((R + "/data").c_str(), 0771);
     if (p.data_free_mib >= 0) {
         std::string err;
-        if (!set_free_space(R + "/data", R + kBallast, static_cast<uint64_t>(p.data_free_mib) << 20, err))
+        if (!set_free_space(R + "/data", R + kBallast, static_cast<uint64_t>(p.data_free_mib) << 20, true, nullptr,
+                            err))
             throw BuildError{err};
     }
     struct statfs fs;
@@ -217,7 +219,7 @@ void build_root(const PhoneSpec &s) {
         need(write_file(factory + "/flash_aging_result.txt", record, 0644), "cannot seed the pass/fail record");
         logf("seeded flash_aging_result.txt with '%s' and zero padding to 10 bytes", p.seed_result.c_str());
     }
-    bind(factory, R + "/cache/factory", false);
+    bind_path(factory, R + "/cache/factory", false);
 
     // /system: build.prop, the health tool and the executable.
     std::string props;
@@ -229,10 +231,10 @@ void build_root(const PhoneSpec &s) {
         need(read_file(s.self_exe, tool), "cannot read " + s.self_exe);
         node(s, kPhoneTool, tool, 0755);
     }
-    if (!s.exe.empty()) bind(s.exe, R + kPhoneExe, true);
+    if (!s.exe.empty()) bind_path(s.exe, R + kPhoneExe, true);
     if (s.mode == Mode::kExec && !s.command.empty() && s.command[0][0] == '/' && !exists(R + s.command[0]) &&
         exists(s.command[0]))
-        bind(s.command[0], R + s.command[0], true);
+        bind_path(s.command[0], R + s.command[0], true);
 
     // The daemon's side of the aging client.
     if (p.daemon) {
@@ -246,7 +248,7 @@ void build_root(const PhoneSpec &s) {
     }
 
     // The health tool's device model; the loop device's own counter of written sectors.
-    bind("/sys/block/loop" + std::to_string(s.loop_index) + "/stat", R + kLoopStatFile, true);
+    bind_path("/sys/block/loop" + std::to_string(s.loop_index) + "/stat", R + kLoopStatFile, true);
     uint64_t base = loop_written_sectors(s);
     HealthModel model = model_from_profile(p, base, total);
     node(s, kModelFile, model_to_text(model), 0644);
@@ -325,7 +327,6 @@ public:
         if (!active_) return;
         if (fd_ >= 0 && wd_ < 0) {
             wd_ = inotify_add_watch(fd_, dir_.c_str(), IN_ACCESS);
-            if (wd_ >= 0) watched_ = now;
         }
         if (fd_ >= 0 && wd_ >= 0) {
             alignas(struct inotify_event) char buf[16384];
@@ -341,8 +342,11 @@ public:
             }
         }
         // Gather reads for a moment, then pick the smallest complete file among them.
-        if (!read_names_.empty() && now - first_read_wait(now) >= 0.3) {
+        if (!read_names_.empty() && first_read_ < 0) first_read_ = now;
+        if (first_read_ >= 0 && now - first_read_ >= 0.3) {
             if (pick(read_names_, "read by the program")) return finish();
+            read_names_.clear();
+            first_read_ = -1;
         }
         if (now - started_ >= 10 && (wd_ >= 0 || fd_ < 0 || now - started_ >= 30)) {
             std::set<std::string> all;
@@ -359,11 +363,6 @@ public:
     }
 
 private:
-    double first_read_wait(double now) {
-        if (first_read_ < 0) first_read_ = now;
-        return first_read_;
-    }
-
     bool pick(const std::set<std::string> &names, const char *why) {
         std::string best;
         long best_size = 0, best_seq = 0;
@@ -394,7 +393,7 @@ private:
     }
 
     bool active_ = false;
-    double started_ = 0, watched_ = 0, first_read_ = -1;
+    double started_ = 0, first_read_ = -1;
     int fd_ = -1, wd_ = -1;
     std::string dir_;
     std::set<std::string> read_names_;
@@ -456,8 +455,14 @@ struct ExecPlan {
 
 // pid 1 of the phone: starts the command, passes signals on to it, reaps orphans, and
 // reports the command's wait status. When it ends, the kernel ends every process left.
-[[noreturn]] void init_main(const ExecPlan &plan, int ctrl_rd, int status_wr) {
+[[noreturn]] void init_main(const ExecPlan &plan, int ctrl_rd, int status_wr, int cgroup_fd) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (cgroup_fd >= 0) {
+        // Into the throttle before anything of the phone starts; children stay in it.
+        ssize_t w = write(cgroup_fd, "0\n", 2);
+        (void)w;
+        close(cgroup_fd);
+    }
     for (int sig : {SIGINT, SIGQUIT, SIGHUP, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU})
         signal(sig, SIG_IGN);
     pid_t child = fork();
@@ -506,7 +511,8 @@ std::vector<std::string> phone_env(Mode mode) {
 
 }  // namespace
 
-bool set_free_space(const std::string &data, const std::string &ballast, uint64_t leave, std::string &error) {
+bool set_free_space(const std::string &data, const std::string &ballast, uint64_t leave, bool exact,
+                    uint64_t *reached, std::string &error) {
     auto free_now = [&](uint64_t &f) {
         struct statfs fs;
         if (statfs(data.c_str(), &fs) != 0) return false;
@@ -534,13 +540,17 @@ bool set_free_space(const std::string &data, const std::string &ballast, uint64_
         error = b;
         return false;
     }
-    for (int round = 0; round < 64 && f != leave; ++round) {
+    bool full = false;
+    for (int round = 0; round < 64 && f != leave && !full; ++round) {
         if (f > leave) {
             uint64_t more = f - leave;
-            if (fallocate(fd, 0, static_cast<off_t>(len), static_cast<off_t>(more)) != 0 && errno != ENOSPC) {
-                error = "cannot fill /data: " + errno_text();
-                close(fd);
-                return false;
+            if (fallocate(fd, 0, static_cast<off_t>(len), static_cast<off_t>(more)) != 0) {
+                if (errno != ENOSPC) {
+                    error = "cannot fill /data: " + errno_text();
+                    close(fd);
+                    return false;
+                }
+                full = true;
             }
         } else {
             uint64_t less = leave - f;
@@ -556,7 +566,8 @@ bool set_free_space(const std::string &data, const std::string &ballast, uint64_
         if (!free_now(f)) break;
     }
     close(fd);
-    if (f != leave) {
+    if (reached) *reached = f;
+    if (f != leave && (exact || f < leave)) {
         char b[160];
         snprintf(b, sizeof b, "could not bring /data to %" PRIu64 " free bytes (it has %" PRIu64 ")", leave, f);
         error = b;
@@ -661,9 +672,14 @@ int phone_main(const PhoneSpec &s) {
     if (p.ballast) {
         events.push_back({p.ballast_at, "ballast leaving " + std::to_string(p.ballast_leave_mib) + " MiB free", [&s, &p] {
                               std::string err;
+                              uint64_t reached = 0;
                               if (set_free_space(in_phone(s, "/data"), in_phone(s, kBallast),
-                                                 static_cast<uint64_t>(p.ballast_leave_mib) << 20, err))
-                                  logf("ballast: /data now has %" PRId64 " MiB free", p.ballast_leave_mib);
+                                                 static_cast<uint64_t>(p.ballast_leave_mib) << 20, false, &reached,
+                                                 err))
+                                  logf("ballast: /data now has %" PRIu64 " bytes free%s", reached,
+                                       reached > (static_cast<uint64_t>(p.ballast_leave_mib) << 20)
+                                           ? " (ext4 keeps the rest for itself)"
+                                           : "");
                               else
                                   logf("ballast: %s", err.c_str());
                           }});
@@ -680,6 +696,11 @@ int phone_main(const PhoneSpec &s) {
                           }});
     }
 
+    int cgroup_fd = -1;
+    if (!s.cgroup_procs.empty()) {
+        cgroup_fd = open(s.cgroup_procs.c_str(), O_WRONLY | O_CLOEXEC);
+        if (cgroup_fd < 0) logf("warning: cannot open %s: %s", s.cgroup_procs.c_str(), errno_text().c_str());
+    }
     t0 = monotonic_seconds();
     pid_t init = fork();
     if (init < 0) {
@@ -689,8 +710,9 @@ int phone_main(const PhoneSpec &s) {
     if (init == 0) {
         close(ctrl[1]);
         close(status[0]);
-        init_main(plan, ctrl[0], status[1]);
+        init_main(plan, ctrl[0], status[1], cgroup_fd);
     }
+    if (cgroup_fd >= 0) close(cgroup_fd);
     close(ctrl[0]);
     close(status[1]);
     if (in_fd >= 0) close(in_fd);
@@ -779,8 +801,7 @@ int phone_main(const PhoneSpec &s) {
     if (read_file(in_phone(s, "/sim/daemon/journal"), journal)) {
         if (!write_file(s.out_dir + "/journal", journal)) logf("warning: cannot write %s/journal", s.out_dir.c_str());
     }
-    if (s.mode == Mode::kRun || exists(s.out_dir + "/sim.log"))
-        write_file(s.out_dir + "/data_listing.txt", list_tree(in_phone(s, "/data"), 200000));
+    write_file(s.out_dir + "/data_listing.txt", list_tree(in_phone(s, "/data"), 200000));
 
     char line[160];
     snprintf(line, sizeof line, "end %s %d %.3f", end_kind.c_str(), end_status, wall);

@@ -26,6 +26,7 @@ struct PhoneSpec {
     std::string self_exe;   // host path of this simulator (becomes /system/bin/monitor_tool)
     double timeout = -1;    // seconds; < 0 = none
     pid_t parent = 0;       // the simulator's main process
+    std::string cgroup_procs;  // the I/O throttle's cgroup.procs; empty = none
     int report_fd = -1;     // lines for the main process: "error MSG", "ready ...", "end ..."
 };
 
@@ -40,7 +41,9 @@ inline constexpr const char *kBallast = "/data/.sim_ballast";
 int phone_main(const PhoneSpec &spec);
 
 // Fills /data with an allocated but unwritten file until exactly `leave` bytes are free
-// (statfs free blocks x block size). `data` and `ballast` are host paths.
-bool set_free_space(const std::string &data, const std::string &ballast, uint64_t leave, std::string &error);
+// (statfs free blocks x block size). `data` and `ballast` are host paths. Unless `exact`,
+// ext4's own small reserve (which no file can take) may stay free; *reached tells what is.
+bool set_free_space(const std::string &data, const std::string &ballast, uint64_t leave, bool exact,
+                    uint64_t *reached, std::string &error);
 
 }  // namespace sim

@@ -202,6 +202,8 @@ bool apply(Profile &p, const std::string &key, const std::string &value, std::st
         p.data_size_set = false;
         return true;
     }
+    if (key == "write_mib_s") return number(p.write_mib_s, 0);
+    if (key == "read_mib_s") return number(p.read_mib_s, 0);
     if (key == "ballast_at") {
         p.ballast = true;
         return trigger(p.ballast_at);
@@ -397,7 +399,12 @@ int signal_number(const std::string &name) {
     return 0;
 }
 
-bool parse_profile(const std::string &text, Profile &p, std::string &error) {
+namespace {
+
+// Applies the lines of one profile text; `include = FILE` lines read FILE (relative to `dir`)
+// at that place.
+bool apply_text(const std::string &text, const std::string &source, const std::string &dir, int depth, Profile &p,
+                std::string &error) {
     size_t pos = 0;
     int lineno = 0;
     while (pos < text.size()) {
@@ -407,19 +414,41 @@ bool parse_profile(const std::string &text, Profile &p, std::string &error) {
         pos = end + 1;
         ++lineno;
         if (line.empty() || line[0] == '#') continue;
+        std::string where = (source.empty() ? "" : source + " ") + "line " + std::to_string(lineno);
         size_t eq = line.find('=');
         if (eq == std::string::npos) {
-            error = "line " + std::to_string(lineno) + ": expected 'key = value', got '" + line + "'";
+            error = where + ": expected 'key = value', got '" + line + "'";
             return false;
         }
         std::string key = trim(std::string_view(line).substr(0, eq));
         std::string value = unescape(trim(std::string_view(line).substr(eq + 1)));
+        if (key == "include") {
+            if (depth >= 8 || dir.empty()) {
+                error = where + ": include: " + (dir.empty() ? "not allowed here" : "nested too deep");
+                return false;
+            }
+            std::string path = value.empty() || value[0] == '/' ? value : dir + "/" + value;
+            std::string inc;
+            if (!read_file(path, inc)) {
+                error = where + ": include: cannot read " + path;
+                return false;
+            }
+            if (!apply_text(inc, path, dir_of(path), depth + 1, p, error)) return false;
+            continue;
+        }
         std::string why;
         if (!apply(p, key, value, why)) {
-            error = "line " + std::to_string(lineno) + ": " + key + ": " + why;
+            error = where + ": " + key + ": " + why;
             return false;
         }
     }
+    return true;
+}
+
+}  // namespace
+
+bool parse_profile(const std::string &text, Profile &p, std::string &error) {
+    if (!apply_text(text, "", "", 0, p, error)) return false;
     p.text = text;
     return true;
 }
@@ -432,12 +461,18 @@ bool load_profile(const std::string &path, const std::vector<std::string> &extra
         return false;
     }
     if (!text.empty() && text.back() != '\n') text += '\n';
-    for (const auto &l : extra_lines) text += l + "\n";
     p.file = path;
-    if (!parse_profile(text, p, error)) {
-        error = "bad profile " + path + ": " + error;
+    if (!apply_text(text, path, dir_of(path), 0, p, error)) {
+        error = "bad profile: " + error;
         return false;
     }
+    std::string extra;
+    for (const auto &l : extra_lines) extra += l + "\n";
+    if (!apply_text(extra, "--set", dir_of(path), 0, p, error)) {
+        error = "bad profile: " + error;
+        return false;
+    }
+    p.text = text + extra;
     return true;
 }
 

@@ -58,6 +58,8 @@ struct Profile {
     bool data_size_set = false;
     double data_size_gib = 66;   // size of the sparse image
     int64_t data_free_mib = -1;  // exact free space (statfs f_bfree) at start; -1 = as mkfs leaves it
+    double write_mib_s = 200;    // the flash's pace (MiB/s, 0 = the host's speed)
+    double read_mib_s = 400;
     bool ballast = false;
     Trigger ballast_at;
     int64_t ballast_leave_mib = 0;

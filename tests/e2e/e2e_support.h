@@ -39,6 +39,14 @@ RunResult run(const std::string &profile, const std::vector<std::string> &overri
 int exec(const std::string &profile, const std::vector<std::string> &overrides,
          const std::vector<std::string> &command, std::string *output = nullptr);
 
+// As above, and tells the run folder the simulator filled (sim.log, capture/, journal).
+int exec(const std::string &profile, const std::vector<std::string> &overrides,
+         const std::vector<std::string> &command, std::string *output, std::string *out_dir);
+
+// Runs flashaging-sim with the given arguments; returns its exit status (128 + signal when
+// killed) and fills `output` with what it printed.
+int run_sim(const std::vector<std::string> &args, std::string *output = nullptr);
+
 // Number of non-overlapping occurrences of `needle` in `haystack`.
 int count(const std::string &haystack, const std::string &needle);
 
