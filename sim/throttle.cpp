@@ -70,7 +70,9 @@ bool throttle_create(const std::string &name, const std::string &majmin, uint64_
     auto mounts = cgroup_mounts();
     for (const auto &m : mounts) {
         if (m.fstype != "cgroup" || ("," + m.super_options + ",").find(",blkio,") == std::string::npos) continue;
-        std::string dir = m.dir + own_cgroup("blkio") + "/" + name;
+        std::string parent = m.dir + own_cgroup("blkio");
+        while (parent.size() > 1 && parent.back() == '/') parent.pop_back();
+        std::string dir = parent + "/" + name;
         if (mkdir(dir.c_str(), 0755) != 0) {
             why = "cannot make " + dir + ": " + strerror(errno);
             return false;
@@ -91,7 +93,7 @@ bool throttle_create(const std::string &name, const std::string &majmin, uint64_
     for (const auto &m : mounts) {
         if (m.fstype != "cgroup2") continue;
         std::string parent = m.dir + own_cgroup("");
-        if (parent.size() > 1 && parent.back() == '/') parent.pop_back();
+        while (parent.size() > 1 && parent.back() == '/') parent.pop_back();
         std::string sub;
         read_file(parent + "/cgroup.subtree_control", sub);
         if ((" " + trim(sub) + " ").find(" io ") == std::string::npos &&

@@ -20,7 +20,7 @@ namespace {
 
 int g_log_fd = -1;
 
-void vlog_line(const char *fmt, va_list ap) {
+__attribute__((format(printf, 1, 0))) void vlog_line(const char *fmt, va_list ap) {
     if (g_log_fd < 0) return;
     char line[2048];
     struct timespec ts;

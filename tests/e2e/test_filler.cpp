@@ -189,6 +189,9 @@ TEST(Filler, CorruptedPatternFileFailsTheRunThroughAReader) {
                                   std::regex(R"(\[FLASH\]ERROR:storage_filler:\d+ filler\[(8|9|10|11)\]\.output is 1\n)")))
         << "a reader's failure is the cycle's result:\n" << r.log;
     EXPECT_EQ(count(r.log, "].output is "), 1);
+    // The reader failed on the comparison, not on finding or reading its files.
+    EXPECT_EQ(count(r.log, "fail to get disturb file name"), 0) << r.log;
+    EXPECT_EQ(count(r.log, "[FLASH]INFO:read_disturb_file:"), 0) << r.log;
     EXPECT_TRUE(std::regex_search(r.log, std::regex(R"(\[FLASH\]ERROR:storage_filler_run:\d+ storage_filler cycle 0 fail 1\n)")))
         << r.log;
     EXPECT_EQ(count(r.log, ": ==== speed is "), 0) << "no benchmark after a failed fill";
@@ -248,6 +251,42 @@ TEST(Filler, FullPartitionEndsEachFillCleanly) {
     }
     EXPECT_EQ(r.verdict_word(), "SUCCESS");
     EXPECT_TRUE(journal_has(r, "cleanEnvDone 2 1")) << r.journal;
+}
+
+}  // namespace
+
+namespace {
+
+TEST(EnterH8, HundredBlocksOf0x55ThreeSecondsApart) {
+    // The test at its real length (about five minutes). The file is copied halfway through.
+    auto r = e2e::run("default", {"capture = /data/format_unclear/enter_h8@/data/format_unclear/enter_h8+150"},
+                      std::vector<std::string>{"-n 5", "-s 3600"});
+    ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
+    EXPECT_TRUE(std::regex_search(r.log, std::regex(R"(\[FLASH\]INFO:enter_h8_test:\d+ enter_h8_test begin\n)")));
+    EXPECT_TRUE(std::regex_search(r.log, std::regex(R"(\[FLASH\]INFO:enter_h8_write:\d+ /data/format_unclear/enter_h8 not exist\n)")))
+        << r.log;
+    EXPECT_TRUE(std::regex_search(
+        r.log, std::regex(R"(\[FLASH\]INFO:enter_h8_write:\d+ sleep interval:3000000, write count:100\n)")));
+    EXPECT_TRUE(std::regex_search(r.log, std::regex(R"(\[FLASH\]INFO:enter_h8_test:\d+ enter_h8_test end\n)")));
+    EXPECT_EQ(count(r.log, "failed to write"), 0);
+    EXPECT_EQ(count(r.log, "g_group_size is"), 0) << "the storage filler is not selected";
+    EXPECT_EQ(r.verdict_word(), "SUCCESS");
+    EXPECT_TRUE(journal_has(r, "cleanEnvDone 2 1")) << r.journal;
+    EXPECT_EQ(count(r.file("data_listing.txt"), "enter_h8"), 0) << "the directory is removed at the end";
+
+    fs::path file;
+    if (fs::exists(r.out_dir + "/capture"))
+        for (const auto &e : fs::recursive_directory_iterator(r.out_dir + "/capture"))
+            if (e.is_regular_file() && e.path().filename() == "enter_h8_tmp") file = e.path();
+    ASSERT_FALSE(file.empty()) << r.sim_output;
+    std::ifstream in(file, std::ios::binary);
+    std::vector<char> data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(data.size() % 4096, 0u);
+    // About 50 blocks after 150 s of 3 s sleeps; never all of them yet.
+    EXPECT_GE(data.size(), 40u * 4096);
+    EXPECT_LT(data.size(), 100u * 4096);
+    for (size_t k = 0; k < data.size(); ++k)
+        ASSERT_EQ(static_cast<uint8_t>(data[k]), 0x55) << "byte " << k;
 }
 
 }  // namespace

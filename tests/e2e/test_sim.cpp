@@ -159,7 +159,7 @@ TEST(SimPhone, KernelNodesPropertiesAndDaemonFilesAreWhatTheProfileSays) {
     int status = e2e::exec(
         "default",
         {"storage = emmc", "device_version = V1.2", "manufacture = Maker X", "proc_version = Linux version 9.9-test",
-         "ufs_signal = yes", "pa_err_total = 12", "dl_err_total = 3", "zarvo.iowait = two\\nlines",
+         "ufs_signal = yes", "pa_err_total = 12", "dl_err_total = 3", "zarvo.iowait = two\\nlines\\n",
          "prop.ro.serialno = SERIAL42", "prop.ro.product.model = MODEL 7", "prop.ro.serialno = SERIAL43", "arg =",
          "arg = -n 6", "arg = -s 100", "aging_version = 1.0"},
         {"sh", "-c",
@@ -242,15 +242,15 @@ TEST(SimFaults, CorruptionFlipsOneByteOfACompleteFileBeingReadAndCaptureKeepsIt)
     std::string out, dir;
     int status = e2e::exec("default",
                            {"corrupt_pattern_at = /data/format_unclear/file_pattern+1",
-                            "capture = /data/format_unclear/file_pattern@7"},
+                            "capture = /data/format_unclear/file_pattern@4"},
                            {"sh", "-c", script}, &out, &dir);
     ASSERT_EQ(status, 0) << out;
     std::string log = slurp(dir + "/sim.log");
     EXPECT_NE(log.find("corrupt: flipped one byte of /data/format_unclear/file_pattern/0_8192_1 (byte "),
               std::string::npos)
         << log;
-    std::string complete = slurp(dir + "/capture/7/file_pattern/0_8192_1");
-    std::string partial = slurp(dir + "/capture/7/file_pattern/0_16384_2");
+    std::string complete = slurp(dir + "/capture/4/file_pattern/0_8192_1");
+    std::string partial = slurp(dir + "/capture/4/file_pattern/0_16384_2");
     ASSERT_EQ(complete.size(), 8192u);
     ASSERT_EQ(partial.size(), 4096u);
     int changed = 0, changed_at = -1;
