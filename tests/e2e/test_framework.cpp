@@ -57,8 +57,8 @@ TEST(Runner, NoTestSelectedGivesSectionsHeaderAndSuccess) {
 }
 
 TEST(Runner, WatchdogEndsTheFillerEarlyAndItIsAPass) {
-    // "-n 6" keeps the storage filler alone; a 20 s budget ends it during its first fill.
-    auto r = e2e::run("default", {"arg = -n 6", "arg = -s 20"});
+    // "-n 6" keeps the storage filler alone; an 8 s budget ends it during its first fill.
+    auto r = e2e::run("default", {"arg = -n 6", "arg = -s 8"});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     EXPECT_NE(r.log.find("test_num = 6, result = 5\n"), std::string::npos) << r.log;
     EXPECT_EQ(count(r.log, "enter_h8_test begin"), 0);
