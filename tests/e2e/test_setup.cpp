@@ -2,6 +2,12 @@
 // budget, as the factory sees them in the pass/fail record, the journal and the log.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
 #include "e2e/e2e_support.h"
 
 namespace {
@@ -12,6 +18,35 @@ bool journal_has(const e2e::RunResult &r, const std::string &line) {
     for (const auto &l : r.journal_lines())
         if (l == line) return true;
     return false;
+}
+
+bool path_exists(const char *path) {
+    struct stat st;
+    return stat(path, &st) == 0;
+}
+
+TEST(Start, OutsideAnyPhoneExitsAtOnceAndCreatesNothing) {
+    // On a workstation there is no daemon: the executable must end at once and leave the
+    // host's /cache and /data as they were.
+    const bool had_factory = path_exists("/cache/factory");
+    const bool had_work = path_exists("/data/format_unclear");
+    int status = system(FLASHAGING_BIN " >/dev/null 2>&1");
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(path_exists("/cache/factory"), had_factory);
+    EXPECT_EQ(path_exists("/data/format_unclear"), had_work);
+}
+
+TEST(Start, FailedArgumentFetchExits255AndDoesNothingElse) {
+    std::string output, dir;
+    int status = e2e::exec("default", {"args_fail = yes"}, {"/system/bin/flashaging"}, &output, &dir);
+    EXPECT_EQ(status, 255) << output;
+    EXPECT_FALSE(path_exists((dir + "/factory/flash_aging.log").c_str()));
+    EXPECT_FALSE(path_exists((dir + "/factory/flash_aging_result.txt").c_str()));
+    e2e::RunResult r;
+    r.out_dir = dir;
+    std::string journal = r.file("journal");
+    EXPECT_EQ(journal, "connect_aging_server 2 -> 1\nget_aging_args 2 -> -1\n");
 }
 
 TEST(Setup, HealthyUfsPhoneInitialisesAndGoesOn) {
@@ -97,6 +132,18 @@ TEST(Setup, WatchdogBudgetOfAUfsRun) {
         << r.log;
     EXPECT_NE(r.log.find(" software watchdog init success!\n"), std::string::npos);
     EXPECT_EQ(count(r.log, "[WDT] say test over!"), 0);
+}
+
+TEST(Setup, EmmcPhoneCapsSamplesAtItsOwnRate) {
+    // 3600 s at 180 MiB/s over 64 GiB allows 9 full passes: 20 samples become 9.
+    auto r = e2e::run("emmc", {},
+                      std::vector<std::string>{"-s 3600", "-num_samples 20", "-total_file_size 68719476736", "-n 7"});
+    ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
+    EXPECT_NE(r.log.find(" [WDT] test_time:3600, spike_time:1, test_smp:9, testtime:3609\n"), std::string::npos)
+        << r.log;
+    EXPECT_NE(r.results_csv.find("\n Bootdevice:sdhci\n"), std::string::npos) << r.results_csv;
+    EXPECT_EQ(count(r.results_csv, "UFS Signal Record"), 0);
+    EXPECT_EQ(r.verdict_word(), "SUCCESS");
 }
 
 TEST(Setup, VersionOneDaemonIgnoresTheVersionTwoOptions) {
