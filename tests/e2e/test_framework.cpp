@@ -78,8 +78,11 @@ TEST(Runner, WatchdogEndsTheFillerEarlyAndItIsAPass) {
 }
 
 TEST(AbnormalEnd, SigtermDuringTheFillerKeepsStartAndDumpsTheBuffers) {
-    // The handler ends the main thread; the process ends when the watchdog's 60 s run out.
-    auto r = e2e::run("default", {"seed_result = SUCCESS", "arg = -n 6", "arg = -s 60", "signal = TERM@25"});
+    // The signal comes while the filler's benchmark runs, so no writer is creating pattern
+    // files while the handler removes their directory. The handler ends the main thread; the
+    // process ends when the watchdog's 60 s run out.
+    auto r = e2e::run("default", {"seed_result = SUCCESS", "arg = -n 6", "arg = -s 60",
+                                  "signal = TERM@/data/format_unclear/file_benchmark+1"});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     EXPECT_NE(r.log.find("[FLASH]ERROR:flash_sigroutine:"), std::string::npos) << r.log;
     EXPECT_NE(r.log.find(" SIG 15 catched\n\n"), std::string::npos) << r.log;
