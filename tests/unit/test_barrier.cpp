@@ -4,7 +4,6 @@
 #include <pthread.h>
 
 #include <cerrno>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,16 +11,11 @@
 #include "flashaging/environment.h"
 #include "flashaging/log.h"
 #include "flashaging/sbmt_barrier.h"
+#include "unit_support.h"
 
 namespace {
 
-template <typename F>
-std::string capture_stdout(F &&f) {
-    testing::internal::CaptureStdout();
-    f();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
+using namespace ut;
 
 uint32_t arrived_of(sbmt_barrier *b) {
     pthread_mutex_lock(&b->mutex);
@@ -30,49 +24,17 @@ uint32_t arrived_of(sbmt_barrier *b) {
     return n;
 }
 
-size_t count_matches(const std::string &text, const std::regex &re) {
-    return static_cast<size_t>(std::distance(std::sregex_iterator(text.begin(), text.end(), re), std::sregex_iterator()));
-}
-
-TEST(SbmtBarrier, InitSetsCountsAndDestroySucceeds) {
+TEST(SbmtBarrier, ThresholdOneReleasesEveryWaitAtOnce) {
     sbmt_barrier b;
-    b.threshold = 99;
     b.arrived = 42;
-    std::string out = capture_stdout([&] {
-        EXPECT_EQ(sbmt_barrier_init(&b, 8), 1);
-        EXPECT_EQ(b.threshold, 8u);
+    std::string out = capture([&] {
+        ASSERT_EQ(sbmt_barrier_init(&b, 1), 1);
         EXPECT_EQ(b.arrived, 0u);
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(sbmt_barrier_wait(&b), 0);
+        EXPECT_EQ(arrived_of(&b), 0u);
         EXPECT_EQ(sbmt_barrier_destroy(&b), 1);
     });
     EXPECT_EQ(out, "");
-}
-
-TEST(SbmtBarrier, ThresholdOneReleasesEveryWaitAtOnce) {
-    sbmt_barrier b;
-    ASSERT_EQ(sbmt_barrier_init(&b, 1), 1);
-    std::string out = capture_stdout([&] {
-        for (int i = 0; i < 5; ++i) EXPECT_EQ(sbmt_barrier_wait(&b), 0);
-    });
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(arrived_of(&b), 0u);
-    EXPECT_EQ(sbmt_barrier_destroy(&b), 1);
-}
-
-TEST(SbmtBarrier, FullCountReleasesAllAndTheNextPassCountsFromZero) {
-    sbmt_barrier b;
-    ASSERT_EQ(sbmt_barrier_init(&b, 4), 1);
-    std::string out = capture_stdout([&] {
-        for (int pass = 0; pass < 3; ++pass) {
-            std::vector<int> results(4, -2);
-            std::vector<std::thread> threads;
-            for (int i = 0; i < 4; ++i) threads.emplace_back([&, i] { results[i] = sbmt_barrier_wait(&b); });
-            for (std::thread &t : threads) t.join();
-            for (int r : results) EXPECT_EQ(r, 0) << "pass " << pass;
-            EXPECT_EQ(arrived_of(&b), 0u);
-        }
-    });
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(sbmt_barrier_destroy(&b), 1);
 }
 
 // Seven of eight arrive: each gives up after 10 s with the wait's own code (110) and the text
@@ -80,9 +42,9 @@ TEST(SbmtBarrier, FullCountReleasesAllAndTheNextPassCountsFromZero) {
 TEST(SbmtBarrier, MissingArrivalTimesOutAndLateArrivalCompletesTheCount) {
     sbmt_barrier b;
     ASSERT_EQ(sbmt_barrier_init(&b, 8), 1);
-    capture_stdout([] { fv_print_time(); });  // the first local-time conversion is done
+    capture([] { fv_print_time(); });  // the first local-time conversion is done
     std::vector<int> results(7, -2);
-    std::string out = capture_stdout([&] {
+    std::string out = capture([&] {
         std::vector<std::thread> threads;
         for (int i = 0; i < 7; ++i)
             threads.emplace_back([&, i] {
@@ -91,40 +53,36 @@ TEST(SbmtBarrier, MissingArrivalTimesOutAndLateArrivalCompletesTheCount) {
             });
         for (std::thread &t : threads) t.join();
     });
-    for (int r : results) EXPECT_EQ(r, -1);
-    // Lines of different threads may be split between prefix and body; count the bodies.
-    const std::regex body(R"(\[FLASH\]ERROR:sbmt_barrier_wait:\d+ Wait the barrier cond failed with 110, State not recoverab\n)");
-    EXPECT_EQ(count_matches(out, body), 7u) << out;
-    const std::regex prefix(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\]\[\d+\])");
-    EXPECT_EQ(count_matches(out, prefix), 7u) << out;
+    EXPECT_EQ(results, std::vector<int>(7, -1));
+    // Lines of different threads may be split between prefix and body; count each part.
+    const std::string body = "Wait the barrier cond failed with 110, State not recoverab\n";
+    EXPECT_EQ(count_re(out, bare("ERROR", "sbmt_barrier_wait", body)), 7) << out;
+    EXPECT_EQ(count_re(out, R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\]\[\d+\])"), 7) << out;
     EXPECT_EQ(arrived_of(&b), 7u);
 
-    out = capture_stdout([&] { EXPECT_EQ(sbmt_barrier_wait(&b), 0); });
+    out = capture([&] { EXPECT_EQ(sbmt_barrier_wait(&b), 0); });
     EXPECT_EQ(out, "");
     EXPECT_EQ(arrived_of(&b), 0u);
     EXPECT_EQ(sbmt_barrier_destroy(&b), 1);
 }
 
-TEST(ShouldStopNow, StopFlagBitZeroOrWatchdogTestOver) {
+TEST(ShouldStopNow, StopFlagBitZeroOrWatchdogTestOverExactlyOne) {
     test_args args{};
+    const struct {
+        test_args *settings;
+        uint8_t stop;
+        uint32_t over;
+        int expected;
+    } cases[] = {{nullptr, 0, 0, 0}, {nullptr, 1, 0, 1}, {nullptr, 2, 0, 0}, {nullptr, 3, 0, 1},
+                 {&args, 0, 0, 0},   {&args, 0, 2, 0},   {&args, 0, 1, 1}};
+    for (const auto &c : cases) {
+        g_args = c.settings;
+        g_filler_stop.store(c.stop);
+        args.test_over.store(c.over);
+        EXPECT_EQ(should_stop_now(), c.expected) << int(c.stop) << " " << c.over;
+    }
     g_args = nullptr;
     g_filler_stop.store(0);
-    EXPECT_EQ(should_stop_now(), 0);  // no settings yet: not over
-    g_filler_stop.store(1);
-    EXPECT_EQ(should_stop_now(), 1);
-    g_filler_stop.store(2);
-    EXPECT_EQ(should_stop_now(), 0);  // only bit 0 counts
-    g_filler_stop.store(3);
-    EXPECT_EQ(should_stop_now(), 1);
-
-    g_filler_stop.store(0);
-    g_args = &args;
-    EXPECT_EQ(should_stop_now(), 0);
-    args.test_over.store(2);
-    EXPECT_EQ(should_stop_now(), 0);  // over means exactly 1
-    args.test_over.store(1);
-    EXPECT_EQ(should_stop_now(), 1);
-    g_args = nullptr;
 }
 
 }  // namespace

@@ -1,117 +1,70 @@
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <regex>
 #include <string>
 
 #include "flashaging/driver_check_internal.h"
 #include "flashaging/environment.h"
+#include "unit_support.h"
 
 namespace {
 
-std::string capture(const std::function<void()> &fn) {
-    testing::internal::CaptureStdout();
-    fn();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
+using namespace ut;
+
+TEST(DriverCounts, PaLineThenDlLineAfterIt) {
+    const struct {
+        std::string text;
+        int pa, dl;
+    } cases[] = {
+        {"unipro_PA_err_cnt:\t\t99\nunipro_PA_err_total_cnt:\t\t12\nother line\nunipro_DL_err_total_cnt:\t\t3\n", 12, 3},
+        {"unipro_DL_err_total_cnt:\t\t3\nunipro_PA_err_total_cnt:\t\t12\n", 12, 0},  // DL before PA is not counted
+        {"nothing of interest\n", 0, 0},
+        {"", 0, 0},
+    };
+    for (const auto &c : cases) {
+        std::string copy = c.text;
+        FILE *f = fmemopen(copy.data(), copy.size(), "r");
+        ASSERT_NE(f, nullptr);
+        int pa = -1, dl = -1;
+        driver_error_counts(f, &pa, &dl);
+        fclose(f);
+        EXPECT_EQ(pa, c.pa) << c.text;
+        EXPECT_EQ(dl, c.dl) << c.text;
+    }
 }
 
-void counts(const std::string &text, int *pa, int *dl) {
-    std::string copy = text;
-    FILE *f = fmemopen(copy.data(), copy.size(), "r");
-    ASSERT_NE(f, nullptr);
-    driver_error_counts(f, pa, dl);
-    fclose(f);
-}
-
-TEST(DriverCounts, PaLineThenDlLine) {
-    int pa = -1, dl = -1;
-    counts("unipro_PA_err_cnt:\t\t99\n"
-           "unipro_PA_err_total_cnt:\t\t12\n"
-           "other line\n"
-           "unipro_DL_err_total_cnt:\t\t3\n",
-           &pa, &dl);
-    EXPECT_EQ(pa, 12);
-    EXPECT_EQ(dl, 3);
-}
-
-TEST(DriverCounts, DlBeforePaIsNotCounted) {
-    int pa = -1, dl = -1;
-    counts("unipro_DL_err_total_cnt:\t\t3\nunipro_PA_err_total_cnt:\t\t12\n", &pa, &dl);
-    EXPECT_EQ(pa, 12);
-    EXPECT_EQ(dl, 0);
-    counts("nothing of interest\n", &pa, &dl);
-    EXPECT_EQ(pa, 0);
-    EXPECT_EQ(dl, 0);
-    counts("", &pa, &dl);
-    EXPECT_EQ(pa, 0);
-    EXPECT_EQ(dl, 0);
-}
-
-TEST(DriverStateCheck, LogsTheCountsOfTheNode) {
-    char path[] = "/tmp/flashaging_record_XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    std::string text = "unipro_PA_err_total_cnt:\t\t12\nunipro_DL_err_total_cnt:\t\t3\n";
-    ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    close(fd);
-    std::string out = capture([&] { driver_state_check_at(path); });
-    std::regex lines(R"(\[[^\]]+\]\[\d+\]\[FLASH\]INFO:driver_state_check:\d+ Run driver_state_check start!\n\n)"
-                     R"(\[[^\]]+\]\[\d+\]\[FLASH\]INFO:driver_state_check:\d+ PA_cnt_value= 12; DL_cnt_value == 3\n\n)");
-    EXPECT_TRUE(std::regex_match(out, lines)) << out;
-    unlink(path);
-
+TEST(DriverStateCheck, LogsTheCountsOfTheNodeIfThereIsOne) {
+    ScratchDir tmp;
+    const std::string node = put(tmp.file("record"), "unipro_PA_err_total_cnt:\t\t12\nunipro_DL_err_total_cnt:\t\t3\n");
+    const std::string start = line("INFO", "driver_state_check", "Run driver_state_check start!\n\n");
+    std::string out = capture([&] { driver_state_check_at(node.c_str()); });
+    EXPECT_TRUE(matches(out, start + line("INFO", "driver_state_check", "PA_cnt_value= 12; DL_cnt_value == 3\n\n"))) << out;
     // No node (an eMMC device): only the start line.
-    out = capture([&] { driver_state_check_at(path); });
-    EXPECT_TRUE(std::regex_match(
-        out, std::regex(R"(\[[^\]]+\]\[\d+\]\[FLASH\]INFO:driver_state_check:\d+ Run driver_state_check start!\n\n)")))
-        << out;
+    out = capture([&] { driver_state_check_at(tmp.file("absent").c_str()); });
+    EXPECT_TRUE(matches(out, start)) << out;
 }
 
-TEST(FlashErrors, BootDeviceKindDecides) {
-    device_properties p{};
-    snprintf(p.bootdevice, sizeof p.bootdevice, "ufs");
-    EXPECT_EQ(flash_errors_check(&p), 1);
-    EXPECT_EQ(p.storage_type, 1);
-
-    device_properties e{};
-    snprintf(e.bootdevice, sizeof e.bootdevice, "msm_sdcc.1");
-    EXPECT_EQ(flash_errors_check(&e), 1);
-    EXPECT_EQ(e.storage_type, 2);
-
-    device_properties s{};
-    snprintf(s.bootdevice, sizeof s.bootdevice, "SIMULATED bootdevice");
-    EXPECT_EQ(flash_errors_check(&s), 1);
-    EXPECT_EQ(s.storage_type, 3);
-
-    // A known kind is not reclassified.
-    device_properties k{};
-    k.storage_type = 2;
-    snprintf(k.bootdevice, sizeof k.bootdevice, "unknown");
-    EXPECT_EQ(capture([&] { EXPECT_EQ(flash_errors_check(&k), 1); }), "");
-}
-
-TEST(FlashErrors, UnknownBootDeviceIsAnErrorOnEveryCall) {
-    device_properties p{};
-    snprintf(p.bootdevice, sizeof p.bootdevice, "unknown");
-    std::regex line(R"(\[[^\]]+\]\[\d+\]\[FLASH\]ERROR:device_get_flash_errors:\d+ Error reported by the driver 0\n)");
-    for (int i = 0; i < 2; ++i) {
+TEST(FlashErrors, BootDeviceKindDecidesAndAnUnknownOneIsAnError) {
+    const struct {
+        const char *bootdevice;
+        int32_t kind_before, kind_after, result;
+    } cases[] = {
+        {"msm_sdcc.1", 0, 2, 1},
+        {"unknown", 2, 2, 1},  // a known kind is not reclassified
+        {"unknown", 0, 0, 0},
+        {"unknown", 4, 4, 0},
+    };
+    for (const auto &c : cases) {
+        device_properties p{};
+        snprintf(p.bootdevice, sizeof p.bootdevice, "%s", c.bootdevice);
+        p.storage_type = c.kind_before;
         int r = -1;
         std::string out = capture([&] { r = flash_errors_check(&p); });
-        EXPECT_EQ(r, 0);
-        EXPECT_EQ(p.storage_type, 0);
-        EXPECT_TRUE(std::regex_match(out, line)) << out;
+        EXPECT_EQ(r, c.result) << c.bootdevice << " " << c.kind_before;
+        EXPECT_EQ(p.storage_type, c.kind_after);
+        EXPECT_TRUE(matches(out, c.result ? "" : line("ERROR", "device_get_flash_errors", "Error reported by the driver 0\n")))
+            << out;
     }
-    p.storage_type = 4;
-    int r = -1;
-    std::string out = capture([&] { r = flash_errors_check(&p); });
-    EXPECT_EQ(r, 0);
-    EXPECT_TRUE(std::regex_match(out, line)) << out;
 }
 
 }  // namespace

@@ -1,123 +1,110 @@
+// Set-up pieces: the generator stream, the pass/fail record, capacity and free space.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "flashaging/environment.h"
 #include "flashaging/environment_internal.h"
+#include "unit_support.h"
 
 namespace {
 
-std::string capture(const std::function<void()> &fn) {
-    testing::internal::CaptureStdout();
-    fn();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
+using namespace ut;
 
-uint64_t word_at(const std::vector<uint8_t> &buf, size_t i) {
-    uint64_t w = 0;
-    for (int b = 7; b >= 0; --b) w = (w << 8) | buf[i * 8 + b];  // stored little-endian
-    return w;
-}
+constexpr uint64_t kGiB = 1073741824ULL;
 
-TEST(PatternStream, FirstWordsOfTheGenerator) {
+TEST(PatternStream, FirstWordsOfTheGeneratorAndTheNonZeroScan) {
     std::vector<uint8_t> buf(kBuffer4MB);
     pattern_stream_fill(buf.data(), buf.size());
-    EXPECT_EQ(word_at(buf, 0), 0x44DEBD988ED375AFULL);
-    EXPECT_EQ(word_at(buf, 1), 0x3D546E7B4BA22818ULL);
-    EXPECT_EQ(word_at(buf, 2), 0x40DDD0445799AFA5ULL);
-    EXPECT_EQ(word_at(buf, 3), 0x3D0E0268D46FCEE6ULL);
-    EXPECT_EQ(buf[0], 0xAF);
-    // Every word has its top bit cleared, and the stream is the same on every fill.
-    uint64_t x = 99098;
-    for (size_t i = 0; i < buf.size() / 8; ++i) {
-        x = x * 0x369DEA0F31A53F85ULL + 0xB504F32DULL;
-        ASSERT_EQ(word_at(buf, i), x & 0x7FFFFFFFFFFFFFFFULL) << i;
+    const uint64_t first[4] = {0x44DEBD988ED375AFULL, 0x3D546E7B4BA22818ULL, 0x40DDD0445799AFA5ULL,
+                               0x3D0E0268D46FCEE6ULL};
+    for (size_t i = 0; i < 4; ++i) {
+        uint64_t w = 0;
+        for (int b = 7; b >= 0; --b) w = (w << 8) | buf[i * 8 + b];  // stored little-endian
+        EXPECT_EQ(w, first[i]) << i;
     }
+    // The stream reaches the end of the buffer.
+    EXPECT_TRUE(buffer_has_nonzero_word(buf.data() + buf.size() - 256, 256));
+
+    std::vector<uint8_t> zero(kBuffer4MB, 0);
+    EXPECT_FALSE(buffer_has_nonzero_word(zero.data(), zero.size()));
+    zero[zero.size() - 1] = 1;
+    EXPECT_TRUE(buffer_has_nonzero_word(zero.data(), zero.size()));
+    zero[zero.size() - 1] = 0;
+    zero[300] = 0x80;
+    EXPECT_TRUE(buffer_has_nonzero_word(zero.data(), zero.size()));
 }
 
-TEST(PatternStream, ScanFindsAnyNonZeroWord) {
-    std::vector<uint8_t> buf(kBuffer4MB, 0);
-    EXPECT_FALSE(buffer_has_nonzero_word(buf.data(), buf.size()));
-    buf[buf.size() - 1] = 1;
-    EXPECT_TRUE(buffer_has_nonzero_word(buf.data(), buf.size()));
-    buf[buf.size() - 1] = 0;
-    buf[300] = 0x80;
-    EXPECT_TRUE(buffer_has_nonzero_word(buf.data(), buf.size()));
-}
-
-class Marker : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/flashaging_marker_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        path_ = dir_ + "/flash_aging_result.txt";
-    }
-    void TearDown() override {
-        std::string cmd = "rm -rf " + dir_;
-        ASSERT_EQ(system(cmd.c_str()), 0);
-    }
-    std::string contents() {
-        std::string s;
-        FILE *f = fopen(path_.c_str(), "rb");
-        if (!f) return s;
-        char buf[64];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof buf, f)) > 0) s.append(buf, n);
-        fclose(f);
-        return s;
-    }
-    std::string dir_;
-    std::string path_;
-};
-
-TEST_F(Marker, CreatedWithStartAndMode0644) {
+TEST(Marker, StartOverAnEarlierRunsBytesOrAFailedOpenThatIsNotFatal) {
+    ScratchDir tmp;
+    const std::string earlier = put(tmp.file("earlier"), "SUCCESS");
     int fd = -1;
-    mode_t old = umask(0);
-    EXPECT_EQ(open_result_marker(path_.c_str(), &fd), 1);
-    umask(old);
-    ASSERT_GT(fd, 0);
+    EXPECT_EQ(open_result_marker(earlier.c_str(), &fd), 1);
+    EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 5) << "the descriptor stays open behind \"START\"";
     close(fd);
-    EXPECT_EQ(contents(), "START");
-    struct stat st {};
-    ASSERT_EQ(stat(path_.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0644u);
-}
+    EXPECT_EQ(slurp(earlier), "STARTSS");
 
-TEST_F(Marker, KeepsTheBytesOfAnEarlierRunBehindStart) {
-    FILE *f = fopen(path_.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    fputs("SUCCESS", f);
-    fclose(f);
-    int fd = -1;
-    EXPECT_EQ(open_result_marker(path_.c_str(), &fd), 1);
-    // The descriptor stays open, positioned behind "START".
-    EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 5);
-    close(fd);
-    EXPECT_EQ(contents(), "STARTSS");
-}
-
-TEST_F(Marker, FailedOpenIsLoggedAndNotFatal) {
-    int fd = 77;
-    std::string missing = dir_ + "/no/such/dir/flash_aging_result.txt";
+    // A failed open is logged (without the time prefix) and set-up goes on without a record.
+    fd = 77;
+    const std::string missing = tmp.file("no/such/dir/flash_aging_result.txt");
     int r = 0;
     std::string out = capture([&] { r = open_result_marker(missing.c_str(), &fd); });
     EXPECT_EQ(r, -1);
     EXPECT_EQ(fd, 77);
-    // Without the timestamp prefix.
-    EXPECT_TRUE(std::regex_match(out, std::regex(R"(\[FLASH\]FATAL:init_result:\d+ open )" + missing + " error!\n\n")))
+    EXPECT_TRUE(matches(out, bare("FATAL", "init_result", "open " + missing + " error!\n\n"))) << out;
+}
+
+TEST(Capacity, SmallestPowerOfTwoMultipleOf32GiB) {
+    const uint64_t cases[][2] = {
+        {0, 32 * kGiB},          {32 * kGiB, 32 * kGiB}, {32 * kGiB + 1, 64 * kGiB}, {100 * kGiB, 128 * kGiB},
+        {512 * kGiB, 512 * kGiB}, {1ULL << 63, 1ULL << 63},
+        {UINT64_MAX, 1ULL << 63},  // beyond any real partition the walk still ends, at its last value
+    };
+    for (const auto &c : cases) EXPECT_EQ(capacity_from_total(c[0]), c[1]) << c[0];
+}
+
+TEST(SpaceQueries, FreeBlocksOfTheSuperuserAndTotalBlocks) {
+    ScratchDir tmp;
+    struct statfs st {};
+    ASSERT_EQ(statfs(tmp.path().c_str(), &st), 0);
+    const uint64_t block = st.f_bsize;
+    const uint64_t free_bytes = free_space_at(tmp.path().c_str());
+    EXPECT_NEAR(double(free_bytes), double(uint64_t(st.f_bfree) * block), 64.0 * 1024 * 1024);
+    EXPECT_EQ(free_bytes % block, 0u);
+
+    uint64_t cap = 0;
+    std::string out = capture([&] { cap = total_capacity_at(tmp.path().c_str()); });
+    EXPECT_EQ(cap, capacity_from_total(uint64_t(st.f_blocks) * block));
+    EXPECT_TRUE(matches(out, line("INFO", "get_total_capacity", "flash capacity is " + std::to_string(cap) + "\n")))
         << out;
+
+    // A failed statfs gives all ones, with a message at a different level for each.
+    uint64_t v = 0;
+    out = capture([&] { v = free_space_at("/nonexistent/flashaging"); });
+    EXPECT_EQ(v, UINT64_MAX);
+    EXPECT_TRUE(matches(out, line("INFO", "get_free_space", "fail to get stat for FS\n"))) << out;
+    out = capture([&] { v = total_capacity_at("/nonexistent/flashaging"); });
+    EXPECT_EQ(v, UINT64_MAX);
+    EXPECT_TRUE(matches(out, line("ERROR", "get_total_capacity", "fail to get stat for FS\n"))) << out;
+}
+
+TEST(FreeSpaceGate, SixtyFourGiBPassesOneBlockLessSkips) {
+    // The all-ones value of a failed query passes, deliberately.
+    const uint64_t cases[][2] = {{64 * kGiB, 1}, {64 * kGiB - 4096, 2}, {UINT64_MAX, 1}, {0, 2}};
+    const std::string pass = line("INFO", "initialize_flashtest_env", "Init Success!\n"),
+                      skip = bare("FATAL", "initialize_flashtest_env", "Userdata partition is not mounted\n\n");
+    for (const auto &c : cases) {
+        int r = 0;
+        std::string out = capture([&] { r = free_space_gate(c[0]); });
+        EXPECT_EQ(r, int(c[1])) << c[0];
+        EXPECT_TRUE(matches(out, c[1] == 1 ? pass : skip)) << out;
+    }
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <climits>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <map>
 #include <regex>
@@ -19,98 +18,71 @@
 
 #include "flashaging/pattern.h"
 #include "flashaging/pattern_internal.h"
-#include "flashaging/sbmt_barrier.h"
-#include "test_pattern_support.h"
+#include "unit_support.h"
 
-using namespace pattern_test;
+using namespace ut;
 
 namespace {
 
 void init_quietly(const std::string &dir, uint32_t case_id) {
-    capture_stdout([&] { pattern_init(dir.c_str(), case_id); });
+    capture([&] { pattern_init(dir.c_str(), case_id); });
 }
 
-class SpinLock {
-  public:
-    SpinLock() { pthread_spin_init(&lock_, PTHREAD_PROCESS_PRIVATE); }
-    ~SpinLock() { pthread_spin_destroy(&lock_); }
-    pthread_spinlock_t *get() { return &lock_; }
-
-  private:
-    pthread_spinlock_t lock_;
+struct SpinLock {
+    SpinLock() { pthread_spin_init(&lock, PTHREAD_PROCESS_PRIVATE); }
+    ~SpinLock() { pthread_spin_destroy(&lock); }
+    pthread_spinlock_t lock;
 };
 
-// The desc of the current case with the given pattern and size.
-file_desc *find_desc(int pattern, int size) {
-    file_group *groups = g_cur_groups.load();
-    for (int32_t g = 0; g < g_cur_group_num.load(); ++g)
-        for (int32_t i = 0; i < groups[g].desc_num; ++i)
-            if (groups[g].descs[i].pattern_id == pattern && groups[g].descs[i].file_size == size)
-                return &groups[g].descs[i];
-    return nullptr;
-}
-
-std::vector<pattern_fill_step> steps_of(const pattern_fill_trace &t) {
-    return std::vector<pattern_fill_step>(t.steps, t.steps + t.count);
-}
+const std::string kInvalidPointer = R"(factory/agingtest/flashaging/pattern line \d+ invalid pointer\n)";
 
 // ---- doubling fill -----------------------------------------------------------------------------
 
-struct FillCase {
-    int32_t size;
-    std::vector<pattern_fill_step> steps;
-};
-
-TEST(DoublingFill, CopiesDoubleThenTheRemainder) {
+TEST(DoublingFill, CopiesDoubleThenTheRemainderAndStopAtTheEnd) {
     ScratchDir tmp;
     init_quietly(tmp.path(), 0);
     std::vector<pattern_fill_step> four_mib = {{0, 4096}};
     for (int32_t n = 4096; n <= 2097152; n *= 2) four_mib.push_back({n, n});
-    const FillCase cases[] = {
+    const struct {
+        int32_t size;
+        std::vector<pattern_fill_step> steps;
+    } cases[] = {
         {4096, {{0, 4096}}},
-        {8192, {{0, 4096}, {4096, 4096}}},
-        {196608, {{0, 4096}, {4096, 4096}, {8192, 8192}, {16384, 16384}, {32768, 32768}, {65536, 65536},
-                  {131072, 65536}}},
         {12288, {{0, 4096}, {4096, 4096}, {8192, 4096}}},
+        {196608,
+         {{0, 4096}, {4096, 4096}, {8192, 8192}, {16384, 16384}, {32768, 32768}, {65536, 65536}, {131072, 65536}}},
         {4194304, four_mib},
     };
-    for (const FillCase &fc : cases) {
+    for (const auto &fc : cases) {
         for (int id : {0, 6, 7, 9}) {
             SCOPED_TRACE("size " + std::to_string(fc.size) + " pattern " + std::to_string(id));
             // A guard area past the end must stay untouched.
             std::vector<uint8_t> buf(static_cast<size_t>(fc.size) + 8192, 0xC5);
             pattern_fill_trace trace;
             pattern_fill(&g_file_units[id], buf.data(), fc.size, &trace);
-            EXPECT_EQ(steps_of(trace), fc.steps);
+            EXPECT_EQ(std::vector<pattern_fill_step>(trace.steps, trace.steps + trace.count), fc.steps);
             size_t bad = 0;
             EXPECT_TRUE(holds_pattern(buf.data(), static_cast<size_t>(fc.size), id, &bad)) << "byte " << bad;
-            for (size_t k = static_cast<size_t>(fc.size); k < buf.size(); ++k)
-                ASSERT_EQ(buf[k], 0xC5) << "written past the end at " << k;
+            EXPECT_EQ(std::vector<uint8_t>(buf.begin() + fc.size, buf.end()), std::vector<uint8_t>(8192, 0xC5));
         }
     }
 }
 
-TEST(DoublingFill, UnitBufferUsesTheDescPattern) {
+TEST(DoublingFill, UnitBufferUsesTheDescPatternAndNullPointersWriteNothing) {
     ScratchDir tmp;
     init_quietly(tmp.path(), 0);
-    file_desc *desc = find_desc(4, 196608);
-    ASSERT_NE(desc, nullptr);
+    file_desc *desc = &g_cur_groups.load()[3].descs[4];  // pattern 4, 196608 bytes
+    ASSERT_EQ(desc->pattern_id, 4);
     std::vector<uint8_t> buf(196608);
-    EXPECT_EQ(capture_stdout([&] { fill_unit_buffer(desc, buf.data(), 196608); }), "");
+    EXPECT_EQ(capture([&] { fill_unit_buffer(desc, buf.data(), 196608); }), "");
     EXPECT_TRUE(holds_pattern(buf.data(), buf.size(), 4));
-}
 
-TEST(DoublingFill, NullPointersAreReportedAndNothingIsWritten) {
-    ScratchDir tmp;
-    init_quietly(tmp.path(), 0);
-    const std::regex shape(R"(factory/agingtest/flashaging/pattern line \d+ invalid pointer\n)");
-    std::vector<uint8_t> buf(8192, 0x3C);
-    std::string out = capture_stdout([&] { fill_unit_buffer(nullptr, buf.data(), 8192); });
-    EXPECT_TRUE(std::regex_match(out, shape)) << out;
-    for (uint8_t b : buf) ASSERT_EQ(b, 0x3C);
-
-    out = capture_stdout([&] { fill_unit_buffer(find_desc(7, 4096), nullptr, 4096); });
-    EXPECT_TRUE(std::regex_match(out, shape)) << out;
+    std::vector<uint8_t> untouched(8192, 0x3C);
+    std::string out = capture([&] { fill_unit_buffer(nullptr, untouched.data(), 8192); });
+    EXPECT_TRUE(matches(out, kInvalidPointer)) << out;
+    EXPECT_EQ(untouched, std::vector<uint8_t>(8192, 0x3C));
+    out = capture([&] { fill_unit_buffer(desc, nullptr, 4096); });
+    EXPECT_TRUE(matches(out, kInvalidPointer)) << out;
 }
 
 // ---- random_get_file_desc ----------------------------------------------------------------------
@@ -122,67 +94,39 @@ TEST(RandomGetFileDesc, AlwaysLandsOnTheLastGroupsPattern7Desc) {
     for (uint32_t c = 0; c < 3; ++c) {
         SCOPED_TRACE(c);
         init_file_group(c);
-        file_group *groups = g_cur_groups.load();
-        file_desc *last = &groups[g_cur_group_num.load() - 1].descs[0];
-        std::vector<int32_t> draws = {0, 1, 7, 27, 100, 189, 190, 191, 43, 44, 12345, RAND_MAX};
-        for (int i = 0; i < 50; ++i) draws.push_back(rand());
-        for (int32_t r : draws) {
+        file_desc *last = &g_cur_groups.load()[g_cur_group_num.load() - 1].descs[0];
+        for (int32_t r : {0, 1, 7, 27, 43, 44, 100, 189, 190, 191, 12345, rand(), rand(), rand(), RAND_MAX}) {
             file_desc *d = random_get_file_desc(r);
             ASSERT_EQ(d, last) << "r " << r;
             EXPECT_EQ(d->pattern_id, 7);
             EXPECT_EQ(d->file_size, 33554432);
         }
-        // Only a look: nothing is handed out.
-        EXPECT_EQ(last->left_num.load(), last->file_num);
+        EXPECT_EQ(last->left_num.load(), last->file_num) << "only a look: nothing is handed out";
     }
-}
-
-TEST(RandomGetFileDesc, NoCaseCurrentGivesNull) {
-    ScratchDir tmp;
-    init_quietly(tmp.path(), 0);
-    const int32_t saved = g_cur_group_num.load();
-    g_cur_group_num.store(0);
-    EXPECT_EQ(random_get_file_desc(5), nullptr);
-    std::vector<uint8_t> buf(4096, 0x11);
-    const std::string out = capture_stdout([&] { fill_unit_buffer(random_get_file_desc(rand()), buf.data(), 4096); });
-    EXPECT_TRUE(std::regex_match(out, std::regex(R"(factory/agingtest/flashaging/pattern line \d+ invalid pointer\n)")))
-        << out;
-    for (uint8_t b : buf) ASSERT_EQ(b, 0x11);
-    g_cur_group_num.store(saved);
 }
 
 // ---- random_finish_group_file: the choice ------------------------------------------------------
 
-struct OpenFailure {
-    std::string name;
-    int err;
-};
-
-// The open-failure lines in out. With one writer the output must be nothing but whole lines;
-// with several, a prefix and its body may be split by another thread's line, so only the
-// bodies are counted.
-std::vector<OpenFailure> open_failures(const std::string &out, bool one_writer = true) {
-    static const std::regex line(
-        R"(\[[^\]]+\]\[\d+\]\[FLASH\]INFO:random_finish_group_file:\d+ open (\S+) failed (\d+)\n)");
-    static const std::regex body(R"(\[FLASH\]INFO:random_finish_group_file:\d+ open (\S+) failed (\d+)\n)");
-    std::vector<OpenFailure> found;
+// The file names of the open-failure lines in out. With one writer the output must be nothing
+// but whole lines; with several, a prefix and its body may be split by another thread's line,
+// so only the bodies are taken.
+std::vector<std::string> failed_opens(const std::string &out, bool one_writer = true) {
+    const std::regex form((one_writer ? kPrefix : "") + bare("INFO", "random_finish_group_file", "open ") +
+                          R"((\S+) failed 2\n)");
+    std::vector<std::string> names;
     size_t consumed = 0;
-    const std::regex &form = one_writer ? line : body;
     for (auto it = std::sregex_iterator(out.begin(), out.end(), form); it != std::sregex_iterator(); ++it) {
-        if (one_writer) {
-            EXPECT_EQ(static_cast<size_t>(it->position()), consumed) << "stray output";
-        }
+        EXPECT_TRUE(!one_writer || static_cast<size_t>(it->position()) == consumed) << "stray output: " << out;
         consumed = static_cast<size_t>(it->position() + it->length());
-        found.push_back({(*it)[1], std::stoi((*it)[2])});
+        names.push_back((*it)[1]);
     }
-    if (one_writer) {
-        EXPECT_EQ(consumed, out.size()) << "stray output";
-    }
-    return found;
+    EXPECT_TRUE(!one_writer || consumed == out.size()) << "stray output: " << out;
+    return names;
 }
 
 // Each file the pass owes is handed out exactly once, whatever becomes of it afterwards: a
-// directory that does not exist makes every open fail, so the choice is counted without I/O.
+// directory that does not exist makes every open fail (ENOENT), so the choice is counted
+// without I/O.
 TEST(RandomFinishGroupFile, PassHandsOutExactlyTheTableThenEnds) {
     for (uint32_t c = 0; c < 3; ++c) {
         SCOPED_TRACE("case " + std::to_string(c));
@@ -192,211 +136,100 @@ TEST(RandomFinishGroupFile, PassHandsOutExactlyTheTableThenEnds) {
         const int files = expected_file_count(static_cast<int>(c));
         SpinLock lock;
         uint64_t bytes = 0;
-
-        std::vector<int32_t> results;
-        const std::string out = capture_stdout([&] {
-            for (int i = 0; i < files; ++i)
-                results.push_back(random_finish_group_file(lock.get(), missing.c_str(), &bytes));
+        const std::string out = capture([&] {
+            for (int i = 0; i < files; ++i) ASSERT_EQ(random_finish_group_file(&lock.lock, missing.c_str(), &bytes), 1);
         });
-        for (int32_t r : results) ASSERT_EQ(r, 1);
-        const std::vector<OpenFailure> fails = open_failures(out);
-        ASSERT_EQ(fails.size(), static_cast<size_t>(files));
+        const std::vector<std::string> names = failed_opens(out);
+        ASSERT_EQ(names.size(), static_cast<size_t>(files));
 
         std::map<std::pair<int, int>, int> handed_out;
         const std::regex name_form(re_escape(missing) + R"((\d+)_(\d+)_(\d+))");
-        for (size_t i = 0; i < fails.size(); ++i) {
+        for (size_t i = 0; i < names.size(); ++i) {
             std::smatch m;
-            ASSERT_TRUE(std::regex_match(fails[i].name, m, name_form)) << fails[i].name;
-            EXPECT_EQ(fails[i].err, ENOENT);
+            ASSERT_TRUE(std::regex_match(names[i], m, name_form)) << names[i];
             EXPECT_EQ(std::stoul(m[3]), i + 1) << "sequence numbers start at 1 and rise by one";
             ++handed_out[{std::stoi(m[1]), std::stoi(m[2])}];
         }
         for (const ExpGroup &g : expected_case(static_cast<int>(c)))
             for (const ExpDesc &d : g.descs)
-                EXPECT_EQ((handed_out[{d.pattern, g.file_size}]), d.files)
-                    << "pattern " << d.pattern << " size " << g.file_size;
+                EXPECT_EQ((handed_out[{d.pattern, g.file_size}]), d.files) << d.pattern << "_" << g.file_size;
         EXPECT_EQ(bytes, 0u);
 
         // The pass is over: no file, no number used.
-        std::string more = capture_stdout([&] { EXPECT_EQ(random_finish_group_file(lock.get(), missing.c_str(), &bytes), 2); });
+        std::string more = capture([&] { EXPECT_EQ(random_finish_group_file(&lock.lock, missing.c_str(), &bytes), 2); });
         EXPECT_EQ(more, "");
         EXPECT_EQ(g_file_seq, static_cast<uint32_t>(files));
-
         // A new pass goes on with the numbers.
         init_file_group(c);
-        more = capture_stdout([&] { EXPECT_EQ(random_finish_group_file(lock.get(), missing.c_str(), &bytes), 1); });
-        const std::vector<OpenFailure> next = open_failures(more);
+        more = capture([&] { EXPECT_EQ(random_finish_group_file(&lock.lock, missing.c_str(), &bytes), 1); });
+        const std::vector<std::string> next = failed_opens(more);
         ASSERT_EQ(next.size(), 1u);
-        EXPECT_TRUE(next[0].name.ends_with("_" + std::to_string(files + 1))) << next[0].name;
+        EXPECT_TRUE(next[0].ends_with("_" + std::to_string(files + 1))) << next[0];
     }
 }
 
-TEST(RandomFinishGroupFile, NoCaseCurrentEndsThePassAtOnce) {
+// Eight writers at once: every file is handed out once and numbered once.
+TEST(RandomFinishGroupFile, ConcurrentWritersShareOnePass) {
     ScratchDir tmp;
-    init_quietly(tmp.path(), 0);
-    const int32_t saved = g_cur_group_num.load();
-    g_cur_group_num.store(0);
+    init_quietly(tmp.sub("p"), 1);
+    const std::string missing = tmp.sub("missing");
     SpinLock lock;
-    uint64_t bytes = 0;
-    const std::string out =
-        capture_stdout([&] { EXPECT_EQ(random_finish_group_file(lock.get(), tmp.path().c_str(), &bytes), 2); });
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(g_file_seq, 0u);
-    g_cur_group_num.store(saved);
-}
-
-TEST(RandomFinishGroupFile, FileNameIsCutAt63Characters) {
-    ScratchDir tmp;
-    ASSERT_LT(tmp.path().size(), 60u);
-    init_quietly(tmp.path(), 2);
-    const std::string missing = tmp.path() + std::string(60 - tmp.path().size(), 'n') + "/";
-    ASSERT_EQ(missing.size(), 61u);
-    SpinLock lock;
-    uint64_t bytes = 0;
-    const std::string out = capture_stdout([&] { random_finish_group_file(lock.get(), missing.c_str(), &bytes); });
-    const std::vector<OpenFailure> fails = open_failures(out);
-    ASSERT_EQ(fails.size(), 1u);
-    EXPECT_EQ(fails[0].name, (missing + "7_33554432_1").substr(0, 63));
+    std::atomic<int> calls{0};
+    std::string out = capture([&] {
+        std::vector<std::thread> writers;
+        for (int i = 0; i < 8; ++i)
+            writers.emplace_back([&] {
+                uint64_t bytes = 0;
+                int r;
+                while ((r = random_finish_group_file(&lock.lock, missing.c_str(), &bytes)) == 1) ++calls;
+                EXPECT_EQ(r, 2);
+            });
+        for (std::thread &w : writers) w.join();
+    });
+    EXPECT_EQ(calls.load(), 44);
+    EXPECT_EQ(g_file_seq, 44u);
+    const std::vector<std::string> names = failed_opens(out, false);
+    EXPECT_EQ(names.size(), 44u);
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), 44u);
 }
 
 // ---- random_finish_group_file: the files on disk -----------------------------------------------
 
+// The choice of one pass is checked above; here the bytes, sizes and modes of its files.
 TEST(RandomFinishGroupFile, OnePassOfCase0WritesEveryFileWithItsPattern) {
     ScratchDir tmp;
     const std::string dir = tmp.sub("file_pattern");
     init_quietly(dir, 0);
     SpinLock lock;
     uint64_t bytes = 0;
-    const std::string out = capture_stdout([&] {
-        for (int i = 0; i < 190; ++i) ASSERT_EQ(random_finish_group_file(lock.get(), dir.c_str(), &bytes), 0) << i;
-        EXPECT_EQ(random_finish_group_file(lock.get(), dir.c_str(), &bytes), 2);
+    const std::string out = capture([&] {
+        for (int i = 0; i < 190; ++i) ASSERT_EQ(random_finish_group_file(&lock.lock, dir.c_str(), &bytes), 0) << i;
+        EXPECT_EQ(random_finish_group_file(&lock.lock, dir.c_str(), &bytes), 2);
     });
     EXPECT_EQ(out, "");
     EXPECT_EQ(bytes, 149696512u);
 
     const mode_t mask = umask(0);
     umask(mask);
-    std::map<std::pair<int, int>, int> on_disk;
-    std::set<unsigned long> seqs;
-    const std::regex name_form(R"((\d)_(\d+)_(\d+))");
+    std::set<int> patterns;
+    int files = 0;
     for (const auto &entry : std::filesystem::directory_iterator(dir)) {
         const std::string name = entry.path().filename().string();
-        std::smatch m;
-        ASSERT_TRUE(std::regex_match(name, m, name_form)) << name;
-        const int id = std::stoi(m[1]);
-        const size_t size = std::stoul(m[2]);
-        seqs.insert(std::stoul(m[3]));
-        ++on_disk[{id, static_cast<int>(size)}];
-
         SCOPED_TRACE(name);
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(name, m, std::regex(R"((\d)_(\d+)_\d+)")));
+        ++files;
+        patterns.insert(std::stoi(m[1]));
         struct stat st {};
         ASSERT_EQ(stat(entry.path().c_str(), &st), 0);
         EXPECT_EQ(st.st_mode & 0777, 0666u & ~static_cast<unsigned>(mask));
-        const std::vector<uint8_t> data = read_whole(entry.path());
-        ASSERT_EQ(data.size(), size);
+        const std::string data = slurp(entry.path());
+        ASSERT_EQ(data.size(), std::stoul(m[2]));
         size_t bad = 0;
-        EXPECT_TRUE(holds_pattern(data.data(), data.size(), id, &bad)) << "byte " << bad;
+        EXPECT_TRUE(holds_pattern(data.data(), data.size(), std::stoi(m[1]), &bad)) << "byte " << bad;
     }
-    EXPECT_EQ(seqs.size(), 190u);
-    EXPECT_EQ(*seqs.begin(), 1u);
-    EXPECT_EQ(*seqs.rbegin(), 190u);
-    for (const ExpGroup &g : expected_case(0))
-        for (const ExpDesc &d : g.descs)
-            EXPECT_EQ((on_disk[{d.pattern, g.file_size}]), d.files) << "pattern " << d.pattern << " size " << g.file_size;
-}
-
-// Eight writers at once: every file is handed out once and numbered once.
-TEST(RandomFinishGroupFile, ConcurrentWritersShareOnePass) {
-    ScratchDir tmp;
-    const std::string dir = tmp.sub("p");
-    init_quietly(dir, 1);
-    const std::string missing = tmp.sub("missing");
-    SpinLock lock;
-    struct Writer {
-        pthread_t th;
-        pthread_spinlock_t *lock;
-        const std::string *dir;
-        uint64_t bytes = 0;
-        int calls = 0;
-        int last = 0;
-    };
-    Writer writers[8];
-    std::string out = capture_stdout([&] {
-        for (Writer &w : writers) {
-            w.lock = lock.get();
-            w.dir = &missing;
-            pthread_create(
-                &w.th, nullptr,
-                [](void *arg) -> void * {
-                    auto *w = static_cast<Writer *>(arg);
-                    int r;
-                    while ((r = random_finish_group_file(w->lock, w->dir->c_str(), &w->bytes)) == 1) ++w->calls;
-                    w->last = r;
-                    return nullptr;
-                },
-                &w);
-        }
-        for (Writer &w : writers) pthread_join(w.th, nullptr);
-    });
-    int calls = 0;
-    for (const Writer &w : writers) {
-        calls += w.calls;
-        EXPECT_EQ(w.last, 2);
-    }
-    EXPECT_EQ(calls, 44);
-    EXPECT_EQ(g_file_seq, 44u);
-    const std::vector<OpenFailure> fails = open_failures(out, false);
-    ASSERT_EQ(fails.size(), 44u);
-    std::set<std::string> names;
-    for (const OpenFailure &f : fails) names.insert(f.name);
-    EXPECT_EQ(names.size(), 44u);
-}
-
-// As in the storage filler: eight writers meet at the barrier after each pass and every one of
-// them restarts the pass itself, while a reader looks at the counts without the lock.
-TEST(RandomFinishGroupFile, WritersRestartingPassesTogetherWithAReaderLooking) {
-    ScratchDir tmp;
-    init_quietly(tmp.path(), 1);
-    const std::string missing = tmp.sub("missing");
-    SpinLock lock;
-    sbmt_barrier barrier;
-    ASSERT_EQ(sbmt_barrier_init(&barrier, 8), 1);
-    std::atomic<int> writers_left{8};
-    std::atomic<int> barrier_failures{0};
-    int64_t seen_size = 0;
-    file_desc *seen_desc = nullptr;
-
-    const std::string out = capture_stdout([&] {
-        std::vector<std::thread> threads;
-        for (int w = 0; w < 8; ++w)
-            threads.emplace_back([&] {
-                uint64_t bytes = 0;
-                for (int passes = 0;;) {
-                    if (random_finish_group_file(lock.get(), missing.c_str(), &bytes) != 2) continue;
-                    if (++passes == 3) break;
-                    if (sbmt_barrier_wait(&barrier) != 0) ++barrier_failures;
-                    init_file_group(1);
-                }
-                --writers_left;
-            });
-        threads.emplace_back([&] {
-            while (writers_left.load() > 0) {
-                seen_desc = random_get_file_desc(rand());
-                seen_size = g_group_size.load();
-                file_group *groups = g_cur_groups.load();
-                for (int32_t g = 0; g < g_cur_group_num.load(); ++g)
-                    for (int32_t i = 0; i < groups[g].desc_num; ++i) EXPECT_GE(groups[g].descs[i].left_num.load(), 0);
-            }
-        });
-        for (std::thread &t : threads) t.join();
-    });
-    EXPECT_EQ(barrier_failures.load(), 0);
-    EXPECT_EQ(seen_size, 242159616);
-    ASSERT_NE(seen_desc, nullptr);
-    EXPECT_EQ(seen_desc->file_size, 33554432);
-    // Each restart refills the counts, so at least three passes' worth of files were named.
-    EXPECT_GE(open_failures(out, false).size(), 3u * 44u);
-    EXPECT_EQ(sbmt_barrier_destroy(&barrier), 1);
+    EXPECT_EQ(files, 190);
+    EXPECT_EQ(patterns.size(), 10u);
 }
 
 }  // namespace
