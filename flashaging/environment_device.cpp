@@ -29,7 +29,8 @@ constexpr size_t kValueField = 64;
 
 // Copies text into a field, cut to field_size - 1 characters and always terminated.
 void copy_cut(char *field, size_t field_size, const char *text) {
-    size_t n = strnlen(text, field_size - 1);
+    size_t n = 0;
+    while (n + 1 < field_size && text[n] != '\0') ++n;
     memcpy(field, text, n);
     field[n] = '\0';
 }
