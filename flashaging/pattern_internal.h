@@ -25,6 +25,10 @@ struct pattern_fill_trace {
 // dst alone when the unit has no block.
 void pattern_fill(const file_unit *unit, uint8_t *dst, int32_t size, pattern_fill_trace *trace = nullptr);
 
+// Frees the pattern buffers that the writers share (file_unit_free calls it with the pattern
+// blocks; no writer may be running).
+void pattern_shared_buffers_free();
+
 // The read-disturb loop over the pattern files in dir (ending in a slash);
 // read_disturb_file() runs it on the work area's pattern directory.
 int32_t read_disturb_file_in(const char *dir);

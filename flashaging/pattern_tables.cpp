@@ -219,6 +219,7 @@ void init_file_group(uint32_t case_id) {
 }
 
 void file_unit_free() {
+    pattern_shared_buffers_free();
     for (file_unit &unit : g_file_units) {
         if (unit.buf != nullptr) {
             free(unit.buf);

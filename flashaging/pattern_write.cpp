@@ -7,7 +7,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <iterator>
+#include <mutex>
 
 #include "flashaging/device_paths.h"
 #include "flashaging/environment.h"
@@ -19,6 +21,68 @@ namespace {
 
 constexpr int32_t kBlockSize = 4096;
 constexpr int32_t kMaxWriteSize = 4194304;  // one writer's buffer; bigger files take several writes
+
+// The writers' pattern buffers, one per pattern, shared by all writers. A write buffer of
+// its own per file cost each writer more CPU than its direct I/O: a fresh allocation of a
+// few MiB is a fresh mapping whose pages all fault in and are zeroed, the doubling fill then
+// copies the whole buffer (about 1.5 GiB of copies per 4 GiB written), and the unmapping
+// interrupts the other writers. Here each pattern is laid down once, by the same doubling
+// fill, over the largest write any file of that pattern needs (at most 4 MiB; 16.5 MiB for
+// all ten), and direct I/O only reads from it. They are made on first use, under a lock,
+// and freed with the pattern blocks by file_unit_free, when no writer runs.
+struct shared_pattern {
+    std::atomic<uint8_t *> buf{nullptr};  // published once laid down
+    int32_t size = 0;                     // bytes laid down
+    const uint8_t *block = nullptr;       // the unit's block it was laid down from
+};
+shared_pattern g_shared_patterns[std::size(g_file_units)];
+std::mutex g_shared_patterns_lock;
+
+// The largest write of any file of this pattern in the three mixes.
+int32_t largest_write(const file_unit *unit) {
+    int32_t largest = 0;
+    for (const file_case &fc : g_file_cases) {
+        for (int32_t g = 0; g < fc.group_num; ++g) {
+            const file_group &group = fc.groups[g];
+            for (int32_t i = 0; i < group.desc_num; ++i) {
+                const file_desc &d = group.descs[i];
+                if (&g_file_units[d.pattern_id % std::size(g_file_units)] != unit) continue;
+                const int32_t op = d.file_size < kMaxWriteSize ? d.file_size : kMaxWriteSize;
+                if (op > largest) largest = op;
+            }
+        }
+    }
+    return largest;
+}
+
+// The unit's shared buffer holding at least size bytes of its pattern, or null when there is
+// none (no pattern block, a size beyond the mixes, or no memory): the caller then makes its
+// own buffer.
+const uint8_t *shared_pattern_buffer(const file_unit *unit, int32_t size) {
+    const std::less<const file_unit *> before;  // a total order, also for units of elsewhere
+    if (unit == nullptr || before(unit, g_file_units) || !before(unit, std::end(g_file_units))) return nullptr;
+    shared_pattern &sp = g_shared_patterns[unit - g_file_units];
+    uint8_t *buf = sp.buf.load(std::memory_order_acquire);
+    if (buf == nullptr) {
+        std::lock_guard<std::mutex> hold(g_shared_patterns_lock);
+        buf = sp.buf.load(std::memory_order_relaxed);
+        if (buf == nullptr) {
+            if (unit->buf == nullptr) return nullptr;
+            const int32_t want = largest_write(unit);
+            if (want < size) return nullptr;
+            // The fill always lays down a whole block.
+            const size_t bytes = want > kBlockSize ? static_cast<size_t>(want) : kBlockSize;
+            buf = static_cast<uint8_t *>(aligned_alloc(kBlockSize, bytes));
+            if (buf == nullptr) return nullptr;
+            pattern_fill(unit, buf, want);
+            sp.size = want;
+            sp.block = unit->buf;
+            sp.buf.store(buf, std::memory_order_release);
+        }
+    }
+    if (sp.block != unit->buf || sp.size < size) return nullptr;
+    return buf;
+}
 
 void record_step(pattern_fill_trace *trace, int64_t to, int64_t len) {
     if (trace == nullptr) return;
@@ -148,15 +212,20 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
     }
 
     const int32_t op_size = file_size < kMaxWriteSize ? file_size : kMaxWriteSize;
-    // The fill always lays down a whole block, so never hand out less than one.
-    const size_t alloc_size = op_size > kBlockSize ? static_cast<size_t>(op_size) : kBlockSize;
-    auto *buf = static_cast<uint8_t *>(aligned_alloc(kBlockSize, alloc_size));
+    const uint8_t *buf = shared_pattern_buffer(chosen->unit, op_size);
+    uint8_t *own = nullptr;
     if (buf == nullptr) {
-        FLOG("random_finish_group_file", "INFO", "malloc size %d failed\n", op_size);
-        close(fd);
-        return 1;
+        // The fill always lays down a whole block, so never hand out less than one.
+        const size_t alloc_size = op_size > kBlockSize ? static_cast<size_t>(op_size) : kBlockSize;
+        own = static_cast<uint8_t *>(aligned_alloc(kBlockSize, alloc_size));
+        if (own == nullptr) {
+            FLOG("random_finish_group_file", "INFO", "malloc size %d failed\n", op_size);
+            close(fd);
+            return 1;
+        }
+        pattern_fill(chosen->unit, own, op_size);
+        buf = own;
     }
-    pattern_fill(chosen->unit, buf, op_size);
 
     if (file_size >= 1) {
         int32_t written = 0;
@@ -171,7 +240,7 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
                      static_cast<int>(ret), err, free_space, op_size);
                 const int32_t result = errno == ENOSPC ? 2 : 1;
                 close(fd);
-                free(buf);
+                free(own);
                 return result;
             }
             written += static_cast<int32_t>(ret);
@@ -180,6 +249,15 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
         }
     }
     close(fd);
-    free(buf);
+    free(own);
     return 0;
+}
+
+void pattern_shared_buffers_free() {
+    std::lock_guard<std::mutex> hold(g_shared_patterns_lock);
+    for (shared_pattern &sp : g_shared_patterns) {
+        free(sp.buf.exchange(nullptr, std::memory_order_relaxed));
+        sp.size = 0;
+        sp.block = nullptr;
+    }
 }
