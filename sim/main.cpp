@@ -408,22 +408,22 @@ int simulate(Options &o) {
                 logf("warning: /data runs at the host's speed: %s", why.c_str());
         }
 
-        PhoneSpec spec;
-        spec.mode = o.mode;
-        spec.profile = &profile;
-        spec.root = tmp + "/root";
-        spec.loop_dev = loop_dev;
-        spec.loop_index = loop_index;
-        spec.out_dir = out;
-        spec.exe = exe;
-        spec.elements = elements;
-        spec.command = o.rest;
-        spec.self_exe = self;
-        spec.timeout = (run || profile.timeout_set) ? profile.timeout : -1;
-        spec.parent = getpid();
-        spec.cgroup_procs = throttle.procs;
-        if (!make_dirs(spec.root, 0755)) {
-            errorf("cannot make %s: %s", spec.root.c_str(), strerror(errno));
+        PhoneSpec phone_spec;
+        phone_spec.mode = o.mode;
+        phone_spec.profile = &profile;
+        phone_spec.root = tmp + "/root";
+        phone_spec.loop_dev = loop_dev;
+        phone_spec.loop_index = loop_index;
+        phone_spec.out_dir = out;
+        phone_spec.exe = exe;
+        phone_spec.elements = elements;
+        phone_spec.command = o.rest;
+        phone_spec.self_exe = self;
+        phone_spec.timeout = (run || profile.timeout_set) ? profile.timeout : -1;
+        phone_spec.parent = getpid();
+        phone_spec.cgroup_procs = throttle.procs;
+        if (!make_dirs(phone_spec.root, 0755)) {
+            errorf("cannot make %s: %s", phone_spec.root.c_str(), strerror(errno));
             break;
         }
         int rep[2];
@@ -431,7 +431,7 @@ int simulate(Options &o) {
             errorf("cannot make a pipe: %s", strerror(errno));
             break;
         }
-        spec.report_fd = rep[1];
+        phone_spec.report_fd = rep[1];
         fflush(stdout);
         fflush(stderr);
         child = fork();
@@ -443,7 +443,7 @@ int simulate(Options &o) {
         }
         if (child == 0) {
             close(rep[0]);
-            _exit(phone_main(spec));
+            _exit(phone_main(phone_spec));
         }
         g_child = child;
         close(rep[1]);

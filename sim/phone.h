@@ -37,8 +37,8 @@ inline constexpr const char *kBallast = "/data/.sim_ballast";
 
 // Runs in the forked child of the simulator: builds the phone, runs the command in it,
 // fires the profile's timed events, then keeps the phone's files and lets the phone go.
-// Returns the child's exit status; the outcome goes to spec.report_fd.
-int phone_main(const PhoneSpec &spec);
+// Returns the child's exit status; the outcome goes to phone_spec.report_fd.
+int phone_main(const PhoneSpec &phone_spec);
 
 // Fills /data with an allocated but unwritten file until exactly `leave` bytes are free
 // (statfs free blocks x block size). `data` and `ballast` are host paths. Unless `exact`,
