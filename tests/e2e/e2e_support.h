@@ -47,6 +47,13 @@ int exec(const std::string &profile, const std::vector<std::string> &overrides,
 // killed) and fills `output` with what it printed.
 int run_sim(const std::vector<std::string> &args, std::string *output = nullptr);
 
+// Whether the daemon journal holds exactly this call line.
+inline bool journal_has(const RunResult &r, const std::string &line) {
+    for (const auto &l : r.journal_lines())
+        if (l == line) return true;
+    return false;
+}
+
 // Number of non-overlapping occurrences of `needle` in `haystack`.
 int count(const std::string &haystack, const std::string &needle);
 

@@ -17,12 +17,7 @@ namespace fs = std::filesystem;
 namespace {
 
 using e2e::count;
-
-bool journal_has(const e2e::RunResult &r, const std::string &line) {
-    for (const auto &l : r.journal_lines())
-        if (l == line) return true;
-    return false;
-}
+using e2e::journal_has;
 
 // The patterns, written out here on their own so that the files are checked against the
 // tables and not against the program's idea of them.

@@ -10,12 +10,7 @@
 namespace {
 
 using e2e::count;
-
-bool journal_has(const e2e::RunResult &r, const std::string &line) {
-    for (const auto &l : r.journal_lines())
-        if (l == line) return true;
-    return false;
-}
+using e2e::journal_has;
 
 const char kHeader[] =
     "version,description,test_id,result_id,units,minimum,maximum,value,stdev,num_samples,test_ran,duration_sec,"

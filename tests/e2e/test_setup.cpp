@@ -13,12 +13,7 @@
 namespace {
 
 using e2e::count;
-
-bool journal_has(const e2e::RunResult &r, const std::string &line) {
-    for (const auto &l : r.journal_lines())
-        if (l == line) return true;
-    return false;
-}
+using e2e::journal_has;
 
 bool path_exists(const char *path) {
     struct stat st;
