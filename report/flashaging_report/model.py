@@ -1,0 +1,474 @@
+"""Turns one run's log records into the figures of the report: set-up, tests, fill cycles,
+benchmark speeds, health growths, battery waits and why the run ended."""
+
+import re
+
+R_WRITER = re.compile(r'runs (-?\d+), ret (-?\d+), fill (\d+)MB,\s+speed is (\S+) MB/s, cost is (\S+)s')
+R_READER = re.compile(r'read_times is (-?\d+), average 1000 times cost (\S+)s')
+R_GROUP = re.compile(r'g_group_size is (-?\d+)')
+R_CYCLE_COST = re.compile(r'fill_cycle (-?\d+)/(-?\d+) cost (\S+)s')
+R_BATTERY = re.compile(r'BATTERY_TEMP higher than (-?\d+), sleep (-?\d+)s')
+R_BENCH_SIZE = re.compile(r'size is 0x([0-9a-fA-F]+), file num is (\d+), time cost (\S+)')
+R_BENCH_SPEED = re.compile(r'(seq write|seq read|rand write|rand read|ERROR): ==== speed is (\S+)MB/s ====')
+R_DELTA = re.compile(r'delta (readReclaim|badBlockRuntime|TBW|eraseCacheCntAvg|eraseXLCCntAvg) is (-?\d+)$')
+R_WAF = re.compile(r'WAF is (\S+)$')
+R_WDT_CONF = re.compile(r'\[WDT\] test_time:(-?\d+), spike_time:(-?\d+), test_smp:(-?\d+), testtime:(-?\d+)')
+R_SIG = re.compile(r'SIG (-?\d+) catched')
+R_COST = re.compile(r'flash aging cost time :(\S+)\(S\)')
+R_PE = re.compile(r'PE cycle is (\d+)')
+R_FILL_CYCLES = re.compile(r'config fill_cycle to (-?\d+)')
+R_LEFT = re.compile(r'config left space to (-?\d+)MB')
+R_TOTAL = re.compile(r'storage_filler total cost (\S+)s')
+R_TEST_NUM = re.compile(r'test_num = (-?\d+), result = (\d+)')
+
+BENCH_MODES = ('seq write', 'seq read', 'rand write', 'rand read')
+HEALTH_KEYS = ('readReclaim', 'badBlockRuntime', 'TBW', 'eraseCacheCntAvg', 'eraseXLCCntAvg')
+
+# The three file mixes by the bytes one pass writes.
+MIXES = {
+    149696512: (0, '190 files a pass, 4 KiB to 32 MiB, mostly small'),
+    242159616: (1, '44 files a pass, 4 KiB to 32 MiB, mostly large'),
+    268435456: (2, '8 files of 32 MiB a pass'),
+}
+
+SIGNALS = {1: 'SIGHUP', 2: 'SIGINT', 4: 'SIGILL', 5: 'SIGTRAP', 6: 'SIGABRT', 7: 'SIGBUS', 8: 'SIGFPE',
+           10: 'SIGUSR1', 11: 'SIGSEGV', 14: 'SIGALRM', 15: 'SIGTERM'}
+
+# Lines that say something failed (the first of them is quoted as the cause of a failed run).
+FAILURE_PATTERNS = [
+    ('storage_filler', re.compile(r'filler\[\d+\]\.output is')),
+    (None, re.compile(r'storage_filler cycle -?\d+ fail')),
+    (None, re.compile(r'benchmark_check cycle')),
+    (None, re.compile(r'healthinfo_judge cycle')),
+    (None, re.compile(r'^healthinfo_judge fail$')),
+    (None, re.compile(r'case \d+ : healthinfo_judge failed')),
+    (None, re.compile(r'get error state')),
+    (None, re.compile(r'Test -?\d+ index failed')),
+    (None, re.compile(r'Not skip driver errors')),
+    (None, re.compile(r'(create|join) (w_th|r_th|thread)')),
+    (None, re.compile(r'barrier wait failed')),
+    (None, re.compile(r'read file .* failed')),
+    (None, re.compile(r'^open .* failed')),
+    (None, re.compile(r', FAIL$')),
+]
+PLAIN_FAILURES = re.compile(r'^(w/r fail|thread \d+ fail|benchmark_end fail|write fail)')
+
+
+def _f(s):
+    try:
+        return float(s)
+    except (TypeError, ValueError):
+        return None
+
+
+def _i(s):
+    try:
+        return int(s)
+    except (TypeError, ValueError):
+        return None
+
+
+def quote(r):
+    """The line as it stands in the log (the body with its own prefix, when it had one)."""
+    return r.raw if r.raw else r.msg
+
+
+class Cycle:
+    def __init__(self, index, rec):
+        self.index = index                  # 1-based order in the run
+        self.number = None                  # the program's cycle number (P/E growth)
+        self.start = rec.ts
+        self.start_line = rec.no
+        self.group_size = None
+        self.mix = None
+        self.writers = []                   # dicts: runs, ret, mib, mib_s, cost, ts
+        self.readers = []                   # dicts: reads, cost_1000, ts
+        self.battery_msgs = []              # (seconds slept, line)
+        self.bench = {}                     # mode -> MiB/s
+        self.bench_detail = {}              # mode -> (bytes, transfers, seconds)
+        self.bench_skipped = None
+        self.deltas = {}
+        self.waf = None
+        self.cost = None
+        self.end = None
+        self.outcome = None                 # 'ok', 'fail', 'watchdog', 'incomplete'
+        self.errors = []
+
+    def fill_figures(self):
+        w = self.writers
+        if not w:
+            return {}
+        mib = sum(x['mib'] for x in w)
+        cost = max((x['cost'] for x in w if x['cost'] is not None), default=None)
+        speeds = [x['mib_s'] for x in w if x['mib_s'] is not None]
+        out = {'writers': len(w), 'mib': mib, 'seconds': cost,
+               'mib_s': (mib / cost) if cost else None,
+               'writer_mib_s_min': min(speeds) if speeds else None,
+               'writer_mib_s_max': max(speeds) if speeds else None,
+               'writer_mib_s_median': _median(speeds)}
+        return out
+
+    def reads_per_s(self):
+        rates = [1000.0 / r['cost_1000'] for r in self.readers if r['cost_1000']]
+        return sum(rates) if rates else None
+
+    def battery_wait(self):
+        """Seconds between the cycle's start and its writers' start (the battery hold), from
+        the writers' own durations; None when the fill did not report."""
+        if self.start is None or not self.writers:
+            return None
+        starts = [x['ts'] - x['cost'] for x in self.writers if x['ts'] is not None and x['cost'] is not None]
+        if not starts:
+            return None
+        return max(0.0, min(starts) - self.start)
+
+    def fill_end(self):
+        ts = [x['ts'] for x in self.writers + self.readers if x['ts'] is not None]
+        return max(ts) if ts else None
+
+    def as_dict(self, pe_before):
+        fill = self.fill_figures()
+        pe_after = None
+        if pe_before is not None and 'eraseXLCCntAvg' in self.deltas:
+            pe_after = pe_before + self.deltas['eraseXLCCntAvg']
+        wait = self.battery_wait()
+        return {
+            'index': self.index, 'number': self.number, 'start': self.start, 'end': self.end,
+            'seconds': self.cost, 'outcome': self.outcome,
+            'mix': self.mix[0] if self.mix else None,
+            'mix_text': self.mix[1] if self.mix else None,
+            'pass_bytes': self.group_size,
+            'battery_wait_s': wait,
+            'battery_lines': [m for _, m in self.battery_msgs],
+            'fill': fill,
+            'fill_end': self.fill_end(),
+            'writers': self.writers, 'readers': [
+                dict(r, reads_per_s=(1000.0 / r['cost_1000'] if r['cost_1000'] else None)) for r in self.readers],
+            'reads_per_s': self.reads_per_s(),
+            'bench': self.bench, 'bench_skipped': self.bench_skipped,
+            'bench_mib': (sum(self.bench_detail[m][0] for m in ('seq write', 'rand write') if m in self.bench_detail)
+                          / 1048576.0 + 512.0 * len(self.bench_detail)) if self.bench_detail else 0.0,
+            'health': self.deltas, 'waf': self.waf, 'pe_after': pe_after,
+            'errors': self.errors,
+        }
+
+
+def _median(v):
+    v = sorted(x for x in v if x is not None)
+    if not v:
+        return None
+    n = len(v)
+    return v[n // 2] if n % 2 else (v[n // 2 - 1] + v[n // 2]) / 2.0
+
+
+def analyse(records):
+    """Figures of one run from its records (already split into runs)."""
+    run = {
+        'first_line': records[0].no if records else None,
+        'last_line': records[-1].no if records else None,
+        'start': None, 'end': None,
+        'settings': {}, 'pe_start': None,
+        'events': [], 'tests': [], 'gaps': [], 'failures': [],
+        'health_checks': [],
+        'signal': None, 'watchdog_fired': None, 'cost_s': None,
+        'outcome_line': None,
+    }
+    ts_all = [r.ts for r in records if r.ts is not None]
+    if ts_all:
+        run['start'], run['end'] = min(ts_all), max(ts_all)
+
+    cycles = []
+    cur = None
+    health = None          # the health block being read: dict with deltas
+    health_owner = None    # 'cycle', 'runner', 'filler'
+    runner_case = None
+    last_bench_size = None
+    marks = {}             # name -> record
+
+    def ev(kind, r, text):
+        run['events'].append({'kind': kind, 'ts': r.ts, 'line': r.no, 'text': text})
+
+    def close_health():
+        nonlocal health, health_owner
+        if health is None:
+            return
+        if health_owner == 'cycle' and cur is not None:
+            cur.deltas.update(health['deltas'])
+            cur.waf = health.get('waf')
+        else:
+            run['health_checks'].append(dict(health, owner=health_owner, case=runner_case))
+        health = None
+
+    for r in records:
+        if r.kind == 'garbled':
+            run['gaps'].append({'line': r.no, 'text': r.msg[:200], 'ts': r.ts})
+            continue
+        m = r.msg
+        if r.kind == 'plain':
+            d = R_DELTA.match(m)
+            if d:
+                if health is None:
+                    health = {'deltas': {}, 'waf': None, 'line': r.no, 'ts': r.ts}
+                    if cur is not None and cur.end is None and (cur.bench or cur.bench_skipped or cur.writers):
+                        health_owner = 'cycle'
+                    elif runner_case is not None:
+                        health_owner = 'runner'
+                    else:
+                        health_owner = 'filler'
+                health['deltas'][d.group(1)] = int(d.group(2))
+                continue
+            w = R_WAF.match(m)
+            if w:
+                if health is None:
+                    health = {'deltas': {}, 'waf': None, 'line': r.no, 'ts': r.ts}
+                    health_owner = 'cycle' if cur is not None and cur.end is None else 'filler'
+                health['waf'] = _f(w.group(1))
+                close_health()
+                continue
+            b = R_BENCH_SIZE.match(m)
+            if b:
+                last_bench_size = (int(b.group(1), 16), int(b.group(2)), _f(b.group(3)))
+                continue
+            b = R_BENCH_SPEED.match(m)
+            if b:
+                if cur is not None:
+                    cur.bench[b.group(1)] = _f(b.group(2))
+                    if last_bench_size:
+                        cur.bench_detail[b.group(1)] = last_bench_size
+                last_bench_size = None
+                continue
+            if m.startswith('left space is less than'):
+                if cur is not None:
+                    cur.bench_skipped = m
+                continue
+            if PLAIN_FAILURES.match(m):
+                run['failures'].append({'line': r.no, 'text': quote(r), 'ts': r.ts})
+                if cur is not None:
+                    cur.errors.append(quote(r))
+                continue
+            continue
+
+        # [FLASH] bodies
+        f = r.func
+        if health is not None and not (f == 'get_total_capacity'):
+            close_health()
+        if f in ('initialize_args', 'get_args_from_config_xml'):
+            x = R_FILL_CYCLES.search(m)
+            if x:
+                run['settings']['fill_cycles'] = int(x.group(1))
+            x = R_LEFT.search(m)
+            if x:
+                run['settings']['reserve_mib'] = int(x.group(1))
+            if 'aging version is 2.0' in m:
+                run['settings']['aging_version'] = '2.0'
+            marks.setdefault('setup', r)
+            continue
+        x = R_PE.search(m) if f == 'pe_cycle_check' else None
+        if x:
+            run['pe_start'] = int(x.group(1))
+            continue
+        if f == 'initialize_flashtest_env':
+            if m.startswith('Init Success!'):
+                marks['setup_ok'] = r
+            elif m.startswith('PE > 30'):
+                marks['gate'] = r
+                run['gate'] = 'wear'
+            elif m.startswith('Userdata partition is not mounted'):
+                marks['gate'] = r
+                run['gate'] = 'free space'
+            elif r.level in ('FATAL', 'ERROR'):
+                marks.setdefault('setup_fail', r)
+            continue
+        if f in ('init_result', 'init_log_file') and r.level == 'FATAL':
+            marks.setdefault('setup_fail', r)
+            continue
+        if f == 'main':
+            if m.startswith('Start Flash Aging Test!'):
+                marks['tests_start'] = r
+                ev('tests', r, 'tests start')
+            elif m.startswith('skip flashtest!'):
+                marks['skip'] = r
+            elif m.startswith('Init flashtest env fail'):
+                marks['env_fail'] = r
+            elif m.startswith('Init flashtest testlist fail'):
+                marks['list_fail'] = r
+            elif m.startswith('Run flashtest testlist fail'):
+                marks['run_fail'] = r
+            elif m.startswith('Run flashtest success'):
+                marks['run_ok'] = r
+            continue
+        if f == 'initialize_flash_tests':
+            x = R_TEST_NUM.search(m)
+            if x:
+                run['settings']['test_num'] = int(x.group(1))
+            continue
+        if f == 'flash_wdt_thread_start':
+            x = R_WDT_CONF.search(m)
+            if x:
+                run['settings'].update(test_time=int(x.group(1)), spike=int(x.group(2)),
+                                       num_samples=int(x.group(3)), budget_s=int(x.group(4)))
+            continue
+        if f == 'flash_wdt_thread' and 'say test over' in m:
+            marks['wdt'] = r
+            run['watchdog_fired'] = r.ts
+            ev('watchdog', r, 'watchdog: test time over')
+            continue
+        if f == 'flash_sigroutine':
+            x = R_SIG.search(m)
+            if x and 'signal' not in marks:
+                marks['signal'] = r
+                n = int(x.group(1))
+                run['signal'] = {'number': n, 'name': SIGNALS.get(n, 'signal %d' % n)}
+                ev('signal', r, 'caught %s' % SIGNALS.get(n, 'signal %d' % n))
+            continue
+        if f == 'flash_agingcost':
+            x = R_COST.search(m)
+            if x:
+                run['cost_s'] = _f(x.group(1))
+                marks['end'] = r
+            continue
+        if f == 'run_flash_tests':
+            x = re.match(r'case (\d+) healthinfo:', m)
+            if x:
+                runner_case = int(x.group(1))
+                continue
+        if f == 'enter_h8_test':
+            if m.startswith('enter_h8_test begin'):
+                run['tests'].append({'name': 'enter-H8', 'start': r.ts, 'end': None})
+                ev('enter_h8', r, 'enter-H8 begins')
+            elif m.startswith('enter_h8_test end'):
+                for t in run['tests']:
+                    if t['name'] == 'enter-H8' and t['end'] is None:
+                        t['end'] = r.ts
+                ev('enter_h8_end', r, 'enter-H8 ends')
+        if f == 'storage_filler_run' or f == 'storage_filler':
+            x = R_GROUP.search(m)
+            if x:
+                if not any(t['name'] == 'storage filler' for t in run['tests']):
+                    run['tests'].append({'name': 'storage filler', 'start': r.ts, 'end': None})
+                if cur is not None and cur.end is None:
+                    cur.outcome = cur.outcome or 'incomplete'
+                cur = Cycle(len(cycles) + 1, r)
+                cur.group_size = int(x.group(1))
+                cur.mix = MIXES.get(cur.group_size)
+                cur.number = None
+                cycles.append(cur)
+                runner_case = None
+                continue
+            x = R_BATTERY.search(m)
+            if x and cur is not None:
+                cur.battery_msgs.append((int(x.group(2)), quote(r)))
+                continue
+            x = R_CYCLE_COST.search(m)
+            if x:
+                if cur is not None:
+                    cur.number = int(x.group(1))
+                    cur.cost = _f(x.group(3))
+                    cur.end = r.ts
+                    cur.outcome = cur.outcome or 'ok'
+                    run['settings'].setdefault('fill_cycles', int(x.group(2)))
+                continue
+            if 'exit, wdt timeout' in m and cur is not None:
+                cur.outcome = 'watchdog'
+                cur.end = r.ts
+                cur.errors.append(quote(r))
+                marks['filler_wdt'] = r
+                continue
+            x = R_TOTAL.search(m)
+            if x:
+                for t in run['tests']:
+                    if t['name'] == 'storage filler':
+                        t['end'] = r.ts
+                        t['seconds'] = _f(x.group(1))
+                marks['filler_end'] = r
+                continue
+        if f == 'fill_fn':
+            x = R_WRITER.search(m)
+            if x and cur is not None:
+                cur.writers.append({'runs': int(x.group(1)), 'ret': int(x.group(2)), 'mib': int(x.group(3)),
+                                    'mib_s': _f(x.group(4)), 'cost': _f(x.group(5)), 'ts': r.ts, 'tid': r.tid})
+                continue
+        if f == 'read_disturb_file':
+            x = R_READER.search(m)
+            if x and cur is not None:
+                cur.readers.append({'reads': int(x.group(1)), 'cost_1000': _f(x.group(2)), 'ts': r.ts,
+                                    'tid': r.tid})
+                continue
+        for func, pat in FAILURE_PATTERNS:
+            if (func is None or func == f) and pat.search(m) and r.level in ('ERROR', 'FATAL', 'INFO'):
+                if r.level == 'INFO' and not pat.pattern.startswith(', FAIL') and f != 'read_disturb_file':
+                    break
+                run['failures'].append({'line': r.no, 'text': quote(r), 'ts': r.ts})
+                if cur is not None and cur.end is None:
+                    if 'storage_filler cycle' in m or 'benchmark_check cycle' in m or 'healthinfo_judge cycle' in m:
+                        cur.outcome = 'fail'
+                        cur.end = r.ts
+                    cur.errors.append(quote(r))
+                break
+    close_health()
+    if cur is not None and cur.end is None and cur.outcome is None:
+        cur.outcome = 'incomplete'
+
+    # P/E count along the run: start count plus the growth each cycle's judgement saw.
+    pe = run['pe_start']
+    out_cycles = []
+    for c in cycles:
+        d = c.as_dict(pe)
+        if d['pe_after'] is not None:
+            pe = d['pe_after']
+        out_cycles.append(d)
+    run['cycles'] = out_cycles
+    run['marks'] = {k: {'line': v.no, 'ts': v.ts, 'text': quote(v)} for k, v in marks.items()}
+    run['complete'] = 'end' in marks
+    _decide_end(run, records, marks)
+    return run
+
+
+def _decide_end(run, records, marks):
+    """Why the run ended, with the line that shows it."""
+    first_fail = run['failures'][0] if run['failures'] else None
+    fc = run['settings'].get('fill_cycles')
+
+    def put(kind, text, line):
+        run['end_kind'] = kind
+        run['end_text'] = text
+        run['end_quote'] = line['text'] if isinstance(line, dict) else (quote(line) if line else None)
+        run['end_line'] = (line['line'] if isinstance(line, dict) else line.no) if line else None
+
+    if 'signal' in marks:
+        s = run['signal']
+        put('signal', 'Abnormal end: the program caught %s and broke off the run.' % s['name'], marks['signal'])
+    elif 'gate' in marks:
+        what = ('the device is worn (P/E count above 30)' if run.get('gate') == 'wear'
+                else 'the data partition has less than 64 GiB free')
+        put('gate', 'Skipped at set-up: %s.' % what, marks['gate'])
+    elif 'env_fail' in marks or 'setup_fail' in marks:
+        put('setup', 'Set-up failed.', marks.get('setup_fail') or marks['env_fail'])
+    elif 'list_fail' in marks:
+        put('failure', 'The test list could not be built.', marks['list_fail'])
+    elif 'run_fail' in marks:
+        put('failure', 'A test failed; the first failure line:', first_fail or marks['run_fail'])
+    elif 'filler_wdt' in marks or ('wdt' in marks and 'run_ok' in marks):
+        put('watchdog', 'The watchdog ended the test at the end of its time budget (a pass).',
+            marks.get('filler_wdt') or marks['wdt'])
+    elif 'run_ok' in marks or 'end' in marks:
+        cyc = run['cycles']
+        if cyc and 'filler_end' in marks:
+            last = cyc[-1]
+            n = last.get('number')
+            text = ('Ended by wear: the device gained more P/E cycles than the %s allowed.' % fc
+                    if fc is not None else 'Ended by wear.')
+            if n is not None and fc is not None:
+                text = ('Ended by wear: after cycle %d/%d the P/E count had grown by more than %d since the start.'
+                        % (n, fc, fc))
+            rec = [r for r in records if r.kind == 'body' and R_CYCLE_COST.search(r.msg)]
+            put('wear', text, rec[-1] if rec else marks.get('filler_end'))
+        elif 'test_num' in run['settings'] and not run['tests']:
+            put('no-test', 'No test was selected (-n %d).' % run['settings']['test_num'], marks.get('end'))
+        else:
+            put('done', 'All selected tests ran to their end.', marks.get('run_ok') or marks.get('end'))
+    else:
+        last = records[-1] if records else None
+        put('incomplete', 'The log stops before the run ended (no end line): the last line it holds:', last)
+    if first_fail and run['end_kind'] not in ('failure',):
+        run['first_failure'] = first_fail
