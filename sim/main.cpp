@@ -27,6 +27,7 @@
 #include "sim/health_model.h"
 #include "sim/phone.h"
 #include "sim/profile.h"
+#include "sim/run_report.h"
 #include "sim/throttle.h"
 #include "sim/util.h"
 
@@ -589,6 +590,7 @@ int simulate(Options &o) {
            exists(out + "/factory/flash_aging.log") ? "" : " (absent)");
     printf("  journal  %s/journal%s\n", out.c_str(), has_journal ? "" : " (absent)");
     printf("  sim log  %s/sim.log\n", out.c_str());
+    write_run_report(out);
     fflush(stdout);
     if (kind == "timeout")
         errorf("timeout: the executable ran longer than %g s and was killed", profile.timeout);

@@ -93,6 +93,10 @@ def read_records(data):
         if not rest:
             continue
         m = BODY_RE.match(rest)
+        if m and (PREFIX_RE.search(rest) or _printable_ratio(rest) < 0.9):
+            m = None    # a body with another line's prefix inside it, or binary noise
+            records.append(Record(no, last_ts, None, None, None, 0, rest.rstrip(), 'garbled', line))
+            continue
         if m:
             ts = tid = None
             if pending:

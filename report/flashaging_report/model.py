@@ -394,6 +394,8 @@ def analyse(records):
                 cur.readers.append({'reads': int(x.group(1)), 'cost_1000': _f(x.group(2)), 'ts': r.ts,
                                     'tid': r.tid})
                 continue
+        if f == 'storage_filler' and m.endswith('.output is 17185'):
+            continue    # a thread the watchdog ended: a pass
         for func, pat in FAILURE_PATTERNS:
             if (func is None or func == f) and pat.search(m) and r.level in ('ERROR', 'FATAL', 'INFO'):
                 if r.level == 'INFO' and not pat.pattern.startswith(', FAIL') and f != 'read_disturb_file':
@@ -458,9 +460,15 @@ def _decide_end(run, records, marks):
             n = last.get('number')
             text = ('Ended by wear: the device gained more P/E cycles than the %s allowed.' % fc
                     if fc is not None else 'Ended by wear.')
-            if n is not None and fc is not None:
-                text = ('Ended by wear: after cycle %d/%d the P/E count had grown by more than %d since the start.'
-                        % (n, fc, fc))
+            pe0, pe1 = run['pe_start'], None
+            for c in cyc:
+                if c['pe_after'] is not None:
+                    pe1 = c['pe_after']
+            if pe0 is not None and pe1 is not None and fc is not None:
+                text = ('Ended by wear: the P/E count grew from %d to %d (+%d), more than the %d cycles the run '
+                        'allows; the last cycle\'s line:' % (pe0, pe1, pe1 - pe0, fc))
+            elif n is not None and fc is not None:
+                text = ('Ended by wear: after cycle %d/%d the P/E growth since the start exceeded %d.' % (n, fc, fc))
             rec = [r for r in records if r.kind == 'body' and R_CYCLE_COST.search(r.msg)]
             put('wear', text, rec[-1] if rec else marks.get('filler_end'))
         elif 'test_num' in run['settings'] and not run['tests']:
@@ -470,5 +478,10 @@ def _decide_end(run, records, marks):
     else:
         last = records[-1] if records else None
         put('incomplete', 'The log stops before the run ended (no end line): the last line it holds:', last)
+    if 'signal' in marks:
+        # What broke after the signal (the handler removes the work area under the readers)
+        # is the signal's doing, not a failure of the device.
+        before = [x for x in run['failures'] if x['line'] < marks['signal'].no]
+        first_fail = before[0] if before else None
     if first_fail and run['end_kind'] not in ('failure',):
         run['first_failure'] = first_fail

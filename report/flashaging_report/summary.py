@@ -130,7 +130,7 @@ def _verdict(run, word):
     elif 'run_ok' in m or 'end' in m:
         from_log = 'SUCCESS'
     else:
-        from_log = None
+        from_log = 'START'      # no end line: the run broke off (the record would still say START)
     if word:
         return word, 'pass/fail record'
     if from_log:
