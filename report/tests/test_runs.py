@@ -1,0 +1,319 @@
+"""The report of simulated runs (default, corrupt, sigterm, hot, full-disk) checked against
+what the simulator knows, the batch view, and both pages in a real headless browser.
+
+The runs are made once for the whole program: the folders the end-to-end scenarios leave in
+the build's e2e-out are taken when they are complete, else the shipped profile is run."""
+
+import json
+import math
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+TOP = os.path.dirname(HERE)
+TOOL = os.path.join(TOP, 'flashaging-report')
+SIM = os.environ.get('FLASHAGING_SIM_BIN', '')
+PROFILES = os.environ.get('FLASHAGING_PROFILES', os.path.join(os.path.dirname(TOP), 'sim', 'profiles'))
+E2E_OUT = os.environ.get('FLASHAGING_TEST_OUT', '')
+OUT = os.environ.get('REPORT_TEST_OUT', os.path.join(tempfile.gettempdir(), 'flashaging-report-test'))
+
+# scenario -> the end-to-end scenario's folder, the shipped profile
+SCENARIOS = {
+    'default': ('Filler.DefaultPhoneFillsCyclesAndEndsOnWear', 'default'),
+    'corrupt': ('Filler.CorruptedPatternFileFailsTheRunThroughAReader', 'corrupt'),
+    'hot': ('Filler.HotBatteryHoldsTheCycleAndTheWatchdogEndIsAPass', 'hot'),
+    'full-disk': ('Filler.FullPartitionEndsEachFillCleanly', 'full-disk'),
+    'sigterm': ('AbnormalEnd.SigtermDuringTheFillerKeepsStartAndDumpsTheBuffers', 'sigterm'),
+}
+RUNS = {}
+
+
+def read(path):
+    with open(path, encoding='utf-8', errors='replace') as f:
+        return f.read()
+
+
+def write(path, text):
+    with open(path, 'w', encoding='utf-8') as f:
+        f.write(text)
+
+
+def complete(d):
+    try:
+        sim_log = read(os.path.join(d, 'sim.log'))
+    except OSError:
+        return False
+    return 'summary: ' in sim_log and os.path.isfile(os.path.join(d, 'factory', 'flash_aging.log'))
+
+
+def run_dir(name):
+    if name in RUNS:
+        return RUNS[name]
+    e2e, profile = SCENARIOS[name]
+    d = os.path.join(E2E_OUT, e2e) if E2E_OUT else ''
+    if not (d and complete(d)):
+        d = os.path.join(OUT, 'sim-' + name)
+        r = subprocess.run([SIM, 'run', '--profile', os.path.join(PROFILES, profile), '--out', d],
+                           capture_output=True, text=True, timeout=1800)
+        assert r.returncode == 0, r.stdout + r.stderr
+        # The simulator names the report as the last line of its summary.
+        assert r.stdout.splitlines()[-1] == '  report   %s/report.html' % d, r.stdout
+    RUNS[name] = d
+    return d
+
+
+def report(name):
+    """Runs the tool afresh into a folder of its own; returns the summary and the page."""
+    out = os.path.join(OUT, 'report-' + name)
+    shutil.rmtree(out, ignore_errors=True)
+    r = subprocess.run([TOOL, '--out', out, run_dir(name)], capture_output=True, text=True, timeout=300)
+    assert r.returncode == 0, r.stderr
+    assert r.stdout == os.path.join(out, 'report.html') + '\n', r.stdout
+    with open(os.path.join(out, 'summary.json')) as f:
+        sm = json.load(f)
+    with open(os.path.join(out, 'report.html'), encoding='utf-8') as f:
+        page = f.read()
+    return sm, page, out
+
+
+def profile_of(d):
+    """Single-valued keys of the run's profile (profile.txt with its includes; last wins)."""
+    keys = {}
+
+    def load(path, base):
+        try:
+            text = read(path)
+        except OSError:
+            return
+        for line in text.split('\n'):
+            s = line.strip()
+            if not s or s.startswith('#') or '=' not in s:
+                continue
+            k, v = (x.strip() for x in s.split('=', 1))
+            if k == 'include':
+                inc = v if v.startswith('/') else os.path.join(base, v)
+                load(inc, os.path.dirname(inc))
+            else:
+                keys[k] = v
+    load(os.path.join(d, 'profile.txt'), PROFILES)
+    return keys
+
+
+def log_lines(d):
+    return read(os.path.join(d, 'factory', 'flash_aging.log')).split('\n')
+
+
+class SimulatedRuns(unittest.TestCase):
+    def check_common(self, name, sm, page):
+        d = run_dir(name)
+        # The quoted line is a whole line of the log.
+        if sm['end_reason']['line']:
+            self.assertIn(sm['end_reason']['line'], log_lines(d))
+        self.assertEqual(sm['record_word'], read(os.path.join(d, 'factory', 'flash_aging_result.txt')).split('\0')[0])
+        # Self-contained: nothing fetched.
+        for needle in ('<script', '<link', 'src="http', "url(http", '<img'):
+            self.assertNotIn(needle, page)
+
+    def test_default_run_three_cycles_against_the_device_model(self):
+        sm, page, _ = report('default')
+        self.check_common('default', sm, page)
+        prof = profile_of(run_dir('default'))
+        self.assertEqual(sm['verdict'], 'SUCCESS')
+        self.assertEqual(sm['end_reason']['kind'], 'wear')
+        self.assertEqual(len(sm['cycles']), 3)
+        self.assertEqual(sm['serial'], prof['prop.ro.serialno'])
+        self.assertEqual(sm['figures']['pe_start'], int(prof['pe_start']))
+        waf, pe_per_gib = float(prof['waf']), float(prof['pe_per_gib'])
+        mib = 0.0
+        for c in sm['cycles']:
+            self.assertEqual(c['outcome'], 'ok')
+            self.assertEqual(c['fill']['writers'], 8)
+            self.assertEqual(sorted(c['bench']), ['rand read', 'rand write', 'seq read', 'seq write'])
+            self.assertAlmostEqual(c['waf'], waf, delta=0.05)
+            self.assertGreater(c['reads_per_s'], 0)
+            self.assertLessEqual(c['fill']['writer_mib_s_min'], c['fill']['writer_mib_s_max'])
+            # The fill stops at the reserve: free - 2 x pass size <= reserve.
+            self.assertGreater(c['fill']['mib'], 1500)
+            mib += c['fill']['mib'] + c['bench_mib']
+        # The device model: P/E = start + floor(GiB written x pe_per_gib); what the file system
+        # sends is the data plus its metadata and journal (a few per cent more).
+        growth = sm['figures']['pe_end'] - sm['figures']['pe_start']
+        self.assertGreaterEqual(growth, math.floor(mib / 1024 * pe_per_gib))
+        self.assertLessEqual(growth, math.floor(mib * 1.08 / 1024 * pe_per_gib) + 1)
+        self.assertGreater(growth, sm['settings']['fill_cycles'])
+        # The results file's last reading is the P/E count the report ends with.
+        self.assertIn(sm['results_file']['health']['eraseXLCCntAvg'] - sm['figures']['pe_end'], (0, 1))
+        self.assertIn('Ended by wear', page)
+        self.assertEqual(page.count('<svg'), 5)   # timeline, fill, benchmark, health, readers
+
+    def test_hot_battery_wait_follows_the_temperature_schedule(self):
+        sm, page, _ = report('hot')
+        self.check_common('hot', sm, page)
+        prof = profile_of(run_dir('hot'))
+        sched = [(float(t), int(v)) for v, t in re.findall(r'(\d+)@([\d.]+)', prof['battery_temp'])]
+        cool = min(t for t, v in sched if v <= 490)
+        c = sm['cycles'][0]
+        since_start = c['start'] - sm['start_ts']
+        sleeps = math.ceil((cool - since_start) / 10.0)
+        self.assertGreaterEqual(sleeps, 1)
+        self.assertAlmostEqual(c['battery_wait_s'], 10.0 * sleeps, delta=2.0)
+        self.assertEqual(len(c['battery_lines']), sleeps // 10)
+        self.assertEqual(sm['verdict'], 'SUCCESS')
+        self.assertIn(sm['end_reason']['kind'], ('wear', 'watchdog'))
+        self.assertIn('battery wait', page)
+
+    def test_corrupt_run_quotes_the_reader_that_failed(self):
+        sm, page, _ = report('corrupt')
+        self.check_common('corrupt', sm, page)
+        self.assertEqual(sm['verdict'], 'FAIL')
+        self.assertEqual(sm['end_reason']['kind'], 'failure')
+        self.assertRegex(sm['end_reason']['line'], r'\[FLASH\]ERROR:storage_filler:\d+ filler\[(8|9|10|11)\]\.output is 1$')
+        self.assertEqual(sm['cycles'][-1]['outcome'], 'fail')
+
+    def test_sigterm_run_is_an_abnormal_end(self):
+        sm, page, _ = report('sigterm')
+        self.check_common('sigterm', sm, page)
+        self.assertEqual(sm['verdict'], 'START')
+        self.assertEqual(sm['end_reason']['kind'], 'signal')
+        self.assertEqual(sm['signal'], {'number': 15, 'name': 'SIGTERM'})
+        self.assertRegex(sm['end_reason']['line'], r'\[FLASH\]ERROR:flash_sigroutine:\d+ SIG 15 catched$')
+        self.assertIn(sm['cycles'][-1]['outcome'], ('incomplete', 'ok'))
+        self.assertIsNone(sm.get('first_failure'))
+
+    def test_full_disk_run_skips_the_benchmark(self):
+        sm, page, _ = report('full-disk')
+        self.check_common('full-disk', sm, page)
+        self.assertEqual(sm['verdict'], 'SUCCESS')
+        self.assertTrue(sm['cycles'][0]['bench_skipped'].startswith('left space is less than 536870912'))
+        self.assertEqual(sm['cycles'][0]['bench'], {})
+
+
+def make_phone(src, dest, serial, speed=1.0, extra_growth=0, waf=None):
+    """A copy of a run folder as another phone: its serial, and its figures changed."""
+    shutil.copytree(src, dest, ignore=shutil.ignore_patterns('capture', 'report.html', 'summary.json'))
+    fac = os.path.join(dest, 'factory')
+    res = os.path.join(fac, 'flash_aging_results.csv')
+    write(res, re.sub(r'Serialno:.*', 'Serialno:' + serial, read(res)))
+    log = os.path.join(fac, 'flash_aging.log')
+    text = read(log)
+    text = re.sub(r'(fill \d+MB,  speed is [\d.]+ MB/s, cost is )([\d.]+)s',
+                  lambda m: '%s%.2fs' % (m.group(1), float(m.group(2)) / speed), text)
+    text = re.sub(r'speed is ([\d.]+) ?MB/s', lambda m: m.group(0).replace(m.group(1), '%.2f' % (float(m.group(1)) * speed)), text)
+    text = re.sub(r'delta (readReclaim|badBlockRuntime) is (\d+)',
+                  lambda m: 'delta %s is %d' % (m.group(1), int(m.group(2)) + extra_growth), text)
+    if waf:
+        text = re.sub(r'WAF is [\d.]+', 'WAF is %f' % waf, text)
+    write(log, text)
+
+
+class Batch(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.dir = os.path.join(OUT, 'batch')
+        shutil.rmtree(cls.dir, ignore_errors=True)
+        os.makedirs(cls.dir)
+        src = run_dir('default')
+        phones = []
+        for i, speed in enumerate((1.0, 1.03, 0.97, 1.01, 0.99)):
+            phones.append(('SIMN%04d' % i, speed, 0, None))
+        phones += [('SIMSLOW9', 0.5, 0, None), ('SIMWORN9', 1.0, 9, 3.6)]
+        cls.dirs = []
+        for serial, speed, grow, waf in phones:
+            d = os.path.join(cls.dir, serial)
+            make_phone(src, d, serial, speed, grow, waf)
+            cls.dirs.append(d)
+        cls.db = os.path.join(cls.dir, 'kept.sqlite')
+        cls.res = subprocess.run([TOOL, 'batch', '--db', cls.db, '--out', cls.dir] + cls.dirs[:-1],
+                                 capture_output=True, text=True, timeout=600)
+        # A later batch adds to the kept file.
+        cls.res2 = subprocess.run([TOOL, 'batch', '--db', cls.db, '--out', cls.dir, cls.dirs[-1]],
+                                  capture_output=True, text=True, timeout=600)
+
+    def test_slow_and_worn_phones_are_flagged_with_their_figure(self):
+        self.assertEqual(self.res.returncode, 0, self.res.stderr)
+        self.assertEqual(self.res2.returncode, 0, self.res2.stderr)
+        lines = self.res2.stdout.splitlines()
+        self.assertEqual(lines[0], '%s/batch.html (1 phone added, 0 left out, 7 in the database; 2 flagged)'
+                         % os.path.abspath(self.dir))
+        flags = dict(l.strip().split(': ', 1) for l in lines[1:])
+        self.assertEqual(sorted(flags), ['SIMSLOW9', 'SIMWORN9'])
+        self.assertIn('fill_mib_s', flags['SIMSLOW9'].split(', '))
+        self.assertIn('seq_write', flags['SIMSLOW9'].split(', '))
+        self.assertIn('waf_max', flags['SIMWORN9'].split(', '))
+        self.assertIn('bad_block_growth', flags['SIMWORN9'].split(', '))
+
+    def test_the_sqlite_file_is_kept_for_other_tools(self):
+        import sqlite3
+        db = sqlite3.connect(self.db)
+        rows = db.execute('SELECT serial, verdict, cycles FROM phones ORDER BY serial').fetchall()
+        self.assertEqual(len(rows), 7)
+        self.assertTrue(all(v == 'SUCCESS' and c == 3 for _, v, c in rows))
+        n = db.execute("SELECT COUNT(*) FROM cycles WHERE serial = 'SIMSLOW9'").fetchone()[0]
+        self.assertEqual(n, 3)
+        db.close()
+
+
+CHROMIUM_FLAGS = ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+                  '--disable-background-networking', '--disable-component-update', '--disable-sync',
+                  '--hide-scrollbars', '--window-size=1200,2400']
+
+
+def chromium(args, user_dir):
+    exe = shutil.which('chromium') or '/usr/bin/chromium'
+    return subprocess.run([exe] + CHROMIUM_FLAGS + ['--user-data-dir=' + user_dir] + args,
+                          capture_output=True, text=True, timeout=180)
+
+
+class Browser(unittest.TestCase):
+    def view(self, page):
+        with tempfile.TemporaryDirectory() as ud:
+            dom = chromium(['--dump-dom', 'file://' + page], os.path.join(ud, 'a'))
+            self.assertEqual(dom.returncode, 0, dom.stderr[-2000:])
+            png = page[:-5] + '.png'
+            shot = chromium(['--screenshot=' + png, 'file://' + page], os.path.join(ud, 'b'))
+            self.assertEqual(shot.returncode, 0, shot.stderr[-2000:])
+        import matplotlib
+        matplotlib.use('Agg')
+        import matplotlib.image
+        img = matplotlib.image.imread(png)
+        return dom.stdout, img
+
+    def test_report_page_draws_its_plots_and_shows_the_verdict(self):
+        sm, _, out = report('default')
+        dom, img = self.view(os.path.join(out, 'report.html'))
+        svgs = re.findall(r'<svg.*?</svg>', dom, re.S)
+        self.assertEqual(len(svgs), 5)
+        for s in svgs:
+            self.assertGreater(s.count('<path'), 5)   # lines, bars and axes are drawn
+        self.assertRegex(dom, r'<div class="verdict SUCCESS" id="verdict"><div class="word">SUCCESS</div>')
+        self.assertIn('Ended by wear', dom)
+        self.assertIn('<b>%d</b><span>fill cycles</span>' % 3, dom)
+        self.assertIn('<b>%.0f MiB/s</b><span>fill speed, median of cycles</span>'
+                      % sm['figures']['fill_mib_s_median'], dom)
+        # The screenshot is a page, not a blank: a fair share of it is ink, and the verdict's
+        # green banner is there.
+        h, w = img.shape[:2]
+        ink = (img[:, :, :3].sum(axis=2) < 2.4).mean()
+        self.assertGreater(ink, 0.03)
+        top = img[: h // 8]
+        green = ((top[:, :, 0] < 0.95) & (top[:, :, 1] > 0.9) & (top[:, :, 2] < 0.92)).sum()
+        self.assertGreater(green, 1000)
+
+    def test_batch_page_lists_the_phones_and_flags_the_odd_ones(self):
+        Batch.setUpClass()
+        dom, img = self.view(os.path.join(Batch.dir, 'batch.html'))
+        self.assertEqual(dom.count('<tr class='), 7)
+        self.assertIn('id="flag-SIMSLOW9"', dom)
+        self.assertIn('id="flag-SIMWORN9"', dom)
+        self.assertGreaterEqual(len(re.findall(r'<svg', dom)), 10)
+        self.assertIn('<td class="flag">', dom)
+        self.assertGreater((img[:, :, :3].sum(axis=2) < 2.4).mean(), 0.03)
+
+
+if __name__ == '__main__':
+    unittest.main()
