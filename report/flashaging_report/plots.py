@@ -25,9 +25,16 @@ COLORS = {'fill': '#1f77b4', 'wait': '#ff7f0e', 'bench': '#2ca02c', 'setup': '#7
           'fail': '#d62728', 'health': '#8c564b'}
 
 
+MANY = 60   # above this many cycles, bars become lines
+
+
+def markers(n):
+    return 'o' if n <= MANY else None
+
+
 def to_svg(fig):
     buf = io.StringIO()
-    fig.savefig(buf, format='svg', bbox_inches='tight')
+    fig.savefig(buf, format='svg')
     plt.close(fig)
     text = buf.getvalue()
     # Drop the XML declaration and doctype: the SVG goes inline into the page.
@@ -84,10 +91,15 @@ def timeline(run):
     span = max((run['end'] or t0) - t0, 1.0)
     minutes = span > 600
     scale = 60.0 if minutes else 1.0
-    fig, ax = plt.subplots(figsize=(9.5, 0.45 * max(len(labels), 1) + 1.2))
+    fig, ax = plt.subplots(layout='constrained', figsize=(9.5, 0.45 * max(len(labels), 1) + 1.2))
+    by_row = {}
     for label, s, w, col in rows:
+        spans, cols = by_row.setdefault(label, ([], []))
+        spans.append(((s - t0) / scale, w / scale))
+        cols.append(col)
+    for label, (spans, cols) in by_row.items():
         y = labels.index(label)
-        ax.broken_barh([((s - t0) / scale, w / scale)], (y - 0.35, 0.7), facecolors=col)
+        ax.broken_barh(spans, (y - 0.35, 0.7), facecolors=cols, linewidth=0)
     marks = [('watchdog', run['marks'].get('wdt'), COLORS['fail']),
              ('signal', run['marks'].get('signal'), COLORS['fail'])]
     for name, mk, col in marks:
@@ -114,10 +126,14 @@ def fill(cycles):
     if not cs:
         return None
     x = _xs(cs)
-    fig, (a1, a2) = plt.subplots(1, 2, figsize=(9.5, 3.0))
-    a1.bar(x, [c['fill']['mib'] for c in cs], color=COLORS['fill'], label='fill')
-    a1.bar(x, [c['bench_mib'] for c in cs], bottom=[c['fill']['mib'] for c in cs], color=COLORS['bench'],
-           label='benchmark')
+    fig, (a1, a2) = plt.subplots(1, 2, layout='constrained', figsize=(9.5, 3.0))
+    fm = [c['fill']['mib'] for c in cs]
+    bm = [c['bench_mib'] for c in cs]
+    if len(cs) <= MANY:
+        a1.bar(x, fm, color=COLORS['fill'], label='fill')
+        a1.bar(x, bm, bottom=fm, color=COLORS['bench'], label='benchmark')
+    else:
+        a1.stackplot(x, fm, bm, colors=[COLORS['fill'], COLORS['bench']], labels=['fill', 'benchmark'])
     a1.set_ylabel('MiB written')
     a1.set_title('MiB written per cycle')
     a1.legend(fontsize=8, loc='lower right')
@@ -125,7 +141,7 @@ def fill(cycles):
     tot = [c['fill']['mib_s'] for c in cs]
     lo = [c['fill']['writer_mib_s_min'] for c in cs]
     hi = [c['fill']['writer_mib_s_max'] for c in cs]
-    a2.plot(x, tot, marker='o', color=COLORS['fill'], label='all 8 writers')
+    a2.plot(x, tot, marker=markers(len(cs)), color=COLORS['fill'], label='all 8 writers')
     a2.set_ylabel('MiB/s, all writers')
     a2.set_ylim(bottom=0)
     b = a2.twinx()
@@ -143,7 +159,6 @@ def fill(cycles):
     h2, l2 = b.get_legend_handles_labels()
     a2.legend(h1 + h2, l1 + l2, fontsize=8, loc='lower left')
     _cycle_axis(a2, cs)
-    fig.tight_layout()
     return to_svg(fig)
 
 
@@ -151,13 +166,15 @@ def readers(cycles):
     cs = [c for c in cycles if c['readers']]
     if not cs:
         return None
-    fig, ax = plt.subplots(figsize=(4.6, 2.8))
+    fig, ax = plt.subplots(layout='constrained', figsize=(4.6, 2.8))
     x = _xs(cs)
-    ax.bar(x, [c['reads_per_s'] or 0 for c in cs], color=COLORS['h8'])
+    if len(cs) <= MANY:
+        ax.bar(x, [c['reads_per_s'] or 0 for c in cs], color=COLORS['h8'])
+    else:
+        ax.plot(x, [c['reads_per_s'] or 0 for c in cs], color=COLORS['h8'])
     ax.set_ylabel('verified reads per second')
     ax.set_title('Read-back: verified reads/s, 4 readers')
     _cycle_axis(ax, cs)
-    fig.tight_layout()
     return to_svg(fig)
 
 
@@ -165,19 +182,18 @@ def bench(cycles):
     cs = [c for c in cycles if c['bench']]
     if not cs:
         return None
-    fig, (a1, a2) = plt.subplots(1, 2, figsize=(9.5, 2.8))
+    fig, (a1, a2) = plt.subplots(1, 2, layout='constrained', figsize=(9.5, 2.8))
     for ax, modes in ((a1, ('seq write', 'seq read')), (a2, ('rand write', 'rand read'))):
         for m, style in zip(modes, ('-o', '-s')):
             pts = [(c['index'], c['bench'].get(m)) for c in cs if c['bench'].get(m) is not None]
             if pts:
-                ax.plot([p[0] for p in pts], [p[1] for p in pts], style, label=m)
+                ax.plot([p[0] for p in pts], [p[1] for p in pts], style if len(cs) <= MANY else '-', label=m)
         ax.set_ylabel('MiB/s')
         ax.set_ylim(bottom=0)
         ax.legend(fontsize=8, loc='lower left')
         _cycle_axis(ax, cs)
     a1.set_title('Benchmark: sequential (512 KiB transfers)')
     a2.set_title('Benchmark: random (4 KiB transfers)')
-    fig.tight_layout()
     return to_svg(fig)
 
 
@@ -185,12 +201,15 @@ def health(cycles, pe_limit=None):
     cs = [c for c in cycles if c['health']]
     if not cs:
         return None
-    fig, (a1, a2, a3) = plt.subplots(1, 3, figsize=(9.5, 2.8))
+    fig, (a1, a2, a3) = plt.subplots(1, 3, layout='constrained', figsize=(9.5, 2.8))
     x = _xs(cs)
     w = 0.2
     keys = [('readReclaim', -1.5), ('badBlockRuntime', -0.5), ('eraseCacheCntAvg', 0.5), ('eraseXLCCntAvg', 1.5)]
     for k, off in keys:
-        a1.bar([i + off * w for i in x], [c['health'].get(k, 0) for c in cs], width=w, label=k)
+        if len(cs) <= MANY:
+            a1.bar([i + off * w for i in x], [c['health'].get(k, 0) for c in cs], width=w, label=k)
+        else:
+            a1.plot(x, [c['health'].get(k, 0) for c in cs], linewidth=1, label=k)
     a1.axhline(29, color=COLORS['fail'], linestyle='--', linewidth=1)
     a1.annotate('limit 29 (read reclaim, bad blocks)', (0.5, 29), fontsize=7, color=COLORS['fail'],
                 va='bottom')
@@ -200,7 +219,7 @@ def health(cycles, pe_limit=None):
     a1.set_ylim(0, max(top, 29) * 1.25 + 1)
     _cycle_axis(a1, cs)
     wv = [(c['index'], c['waf']) for c in cs if c['waf'] is not None]
-    a2.plot([p[0] for p in wv], [p[1] for p in wv], '-o', color=COLORS['health'])
+    a2.plot([p[0] for p in wv], [p[1] for p in wv], marker=markers(len(cs)), color=COLORS['health'])
     a2.axhline(5.0, color=COLORS['fail'], linestyle='--', linewidth=1)
     a2.annotate('limit 5.0', (0.5, 5.0), fontsize=7, color=COLORS['fail'], va='bottom')
     a2.set_ylim(0, max([p[1] for p in wv] + [5.0]) * 1.2)
@@ -208,21 +227,20 @@ def health(cycles, pe_limit=None):
     _cycle_axis(a2, cs)
     pv = [(c['index'], c['pe_after']) for c in cs if c['pe_after'] is not None]
     if pv:
-        a3.plot([p[0] for p in pv], [p[1] for p in pv], '-o', color=COLORS['fill'])
+        a3.plot([p[0] for p in pv], [p[1] for p in pv], marker=markers(len(cs)), color=COLORS['fill'])
     if pe_limit is not None:
         a3.axhline(pe_limit, color=COLORS['fail'], linestyle='--', linewidth=1)
         a3.annotate('run ends above %d' % pe_limit, (0.5, pe_limit), fontsize=7, color=COLORS['fail'],
                     va='bottom')
     a3.set_title('P/E count after each cycle')
     _cycle_axis(a3, cs)
-    fig.tight_layout()
     return to_svg(fig)
 
 
 def distribution(values, title, unit, flagged=()):
     """Batch: one strip per figure, each phone a dot; flagged phones in red with their serial."""
     vals = [(s, v) for s, v in values if v is not None]
-    fig, ax = plt.subplots(figsize=(4.6, 1.9))
+    fig, ax = plt.subplots(layout='constrained', figsize=(4.6, 1.9))
     if vals:
         import random
         rnd = random.Random(7)
@@ -239,5 +257,4 @@ def distribution(values, title, unit, flagged=()):
     ax.set_ylim(-0.6, 0.6)
     ax.set_title(title)
     ax.set_xlabel(unit)
-    fig.tight_layout()
     return to_svg(fig)
