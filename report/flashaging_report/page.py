@@ -20,7 +20,7 @@ code,.q{font-family:'DejaVu Sans Mono',monospace;font-size:12px}
 .kf div{background:#f6f8fa;border:1px solid #dde;border-radius:5px;padding:6px 9px}
 .kf b{display:block;font-size:17px}.kf span{font-size:11px;color:#555}
 table{border-collapse:collapse;font-size:12px;margin:6px 0}
-th,td{border:1px solid #ccd;padding:3px 6px;text-align:right}th{background:#eef1f5}
+th,td{border:1px solid #ccd;padding:3px 5px;text-align:right}td{white-space:nowrap}th{background:#eef1f5}
 td.l,th.l{text-align:left}
 tr.bad td{background:#fde4e4}tr.warn td{background:#fff4d6}
 .warnbox{background:#fff4d6;border:1px solid #b8860b;padding:6px 10px;margin:8px 0;font-size:13px}
@@ -215,7 +215,9 @@ def render(sm, run_list=None):
 
     cycles = sm['cycles']
     parts.append('<h2>Fill cycles</h2>')
-    parts.append(cycle_table(cycles))
+    many = len(cycles) > 30
+    if not many:
+        parts.append(cycle_table(cycles))
     for fig in (plots.fill(cycles), plots.bench(cycles)):
         if fig:
             parts.append('<div class="fig">%s</div>' % fig)
@@ -225,6 +227,9 @@ def render(sm, run_list=None):
         parts.append('<div class="fig">%s</div>' % hf)
     if row:
         parts.append('<div class="row">%s</div>' % ''.join('<div class="fig">%s</div>' % x for x in row))
+    if many:
+        parts.append('<details><summary>Table of the %d fill cycles</summary>%s</details>'
+                     % (len(cycles), cycle_table(cycles)))
     if sm['health_checks']:
         parts.append('<h2>Other health judgements</h2><table><tr><th class="l">by</th>%s<th>WAF</th></tr>%s</table>' % (
             ''.join('<th>%s +</th>' % k for k in ('readReclaim', 'badBlockRuntime', 'TBW', 'eraseCacheCntAvg',
