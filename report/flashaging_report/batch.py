@@ -177,15 +177,15 @@ def render(rows, flagged, stats, db_path):
             ('seq_write', 'seq write', '%.0f'), ('seq_read', 'seq read', '%.0f'), ('rand_write', 'rand write', '%.1f'),
             ('rand_read', 'rand read', '%.1f'), ('reads_per_s', 'reads/s', '%.0f'), ('waf_max', 'WAF max', '%.2f'),
             ('pe_per_gib', 'P/E per GiB', '%.2f'), ('bad_block_growth', 'bad blocks +', '%d'),
-            ('read_reclaim_growth', 'read reclaim +', '%d'), ('end_text', 'why it ended', '%s')]
-    head = ''.join('<th%s>%s</th>' % (' class="l"' if c in ('serial', 'verdict', 'end_text') else '', e(t))
+            ('read_reclaim_growth', 'read reclaim +', '%d'), ('end_kind', 'ended by', '%s')]
+    head = ''.join('<th%s>%s</th>' % (' class="l"' if c in ('serial', 'verdict', 'end_kind') else '', e(t))
                    for c, t, _ in cols)
     body = []
     for r in rows:
         fl = {c for c, _, _, _ in flagged.get(r['serial'], [])}
         cells = []
         for c, _, fmt in cols:
-            cls = 'flag' if c in fl else ('l' if c in ('serial', 'verdict', 'end_text') else '')
+            cls = 'flag' if c in fl else ('l' if c in ('serial', 'verdict', 'end_kind') else '')
             cells.append('<td class="%s">%s</td>' % (cls, e(n(r[c], fmt))))
         trc = 'bad' if r['verdict'] in ('FAIL', 'START') else ''
         body.append('<tr class="%s">%s</tr>' % (trc, ''.join(cells)))

@@ -312,7 +312,7 @@ class Browser(unittest.TestCase):
         self.assertIn('id="flag-SIMWORN9"', dom)
         self.assertGreaterEqual(len(re.findall(r'<svg', dom)), 10)
         self.assertIn('<td class="flag">', dom)
-        self.assertGreater((img[:, :, :3].sum(axis=2) < 2.4).mean(), 0.03)
+        self.assertGreater((img[:, :, :3].sum(axis=2) < 2.4).mean(), 0.01)
 
 
 if __name__ == '__main__':
