@@ -193,6 +193,38 @@ class SimulatedRuns(unittest.TestCase):
         self.assertEqual(sm['cycles'][0]['bench'], {})
 
 
+class SimulatorSummary(unittest.TestCase):
+    """`flashaging-sim run` writes the report and names it last; a failing report is one line
+    and changes neither the exit status nor the run's files."""
+
+    def sim(self, out, env_tool=None):
+        env = dict(os.environ)
+        env.pop('FLASHAGING_REPORT', None)
+        if env_tool is not None:
+            env['FLASHAGING_REPORT'] = env_tool
+        return subprocess.run([SIM, 'run', '--profile', os.path.join(PROFILES, 'worn'), '--out', out],
+                              capture_output=True, text=True, timeout=600, env=env)
+
+    def test_report_is_the_summary_last_line(self):
+        out = os.path.join(OUT, 'sim-worn')
+        r = self.sim(out)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(r.stdout.splitlines()[-1], '  report   %s/report.html' % out)
+        with open(os.path.join(out, 'summary.json')) as f:
+            sm = json.load(f)
+        self.assertEqual((sm['verdict'], sm['end_reason']['kind']), ('SKIP', 'gate'))
+        self.assertRegex(sm['end_reason']['line'], r"^\[FLASH\]FATAL:initialize_flashtest_env:\d+ PE > 30 or get "
+                                                   r"healthinfo fail, can't perform flash agingtest$")
+
+    def test_failing_report_changes_nothing_else(self):
+        out = os.path.join(OUT, 'sim-worn-noreport')
+        r = self.sim(out, '/bin/false')
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(r.stdout.splitlines()[-1], '  report   (not written: exit status 1)')
+        self.assertFalse(os.path.exists(os.path.join(out, 'report.html')))
+        self.assertEqual(read(os.path.join(out, 'factory', 'flash_aging_result.txt')).split('\0')[0], 'SKIP')
+
+
 def make_phone(src, dest, serial, speed=1.0, extra_growth=0, waf=None):
     """A copy of a run folder as another phone: its serial, and its figures changed."""
     shutil.copytree(src, dest, ignore=shutil.ignore_patterns('capture', 'report.html', 'summary.json'))
