@@ -95,7 +95,7 @@ def main_run(args):
     try:
         os.makedirs(out, exist_ok=True)
         _write(os.path.join(out, 'report.html'), html_text)
-        _write(os.path.join(out, 'summary.json'), json.dumps(sm, indent=1, sort_keys=True, default=str) + '\n')
+        _write(os.path.join(out, 'summary.json'), json.dumps(sm, sort_keys=True, default=str) + '\n')
     except OSError as ex:
         _err('cannot write the report into %s: %s' % (out, ex))
         return 1

@@ -55,7 +55,7 @@ def parse_ts(text):
 
 
 def _printable_ratio(s):
-    if not s:
+    if not s or s.isprintable():
         return 1.0
     good = sum(1 for c in s if c.isprintable() or c == '\t')
     return good / len(s)

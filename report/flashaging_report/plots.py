@@ -145,9 +145,10 @@ def fill(cycles):
     a2.set_ylabel('MiB/s, all writers')
     a2.set_ylim(bottom=0)
     b = a2.twinx()
-    b.fill_between(x, lo, hi, color='#aec7e8', alpha=0.6, step=None, label='slowest to fastest writer')
-    b.plot(x, lo, color='#6b9bc9', linewidth=0.8)
-    b.plot(x, hi, color='#6b9bc9', linewidth=0.8)
+    if len(cs) <= MANY:
+        b.vlines(x, lo, hi, color='#aec7e8', linewidth=9, label='slowest to fastest writer')
+    else:
+        b.fill_between(x, lo, hi, color='#aec7e8', alpha=0.6, label='slowest to fastest writer')
     b.set_ylabel('MiB/s, one writer')
     b.set_ylim(bottom=0)
     b.spines['right'].set_visible(True)
