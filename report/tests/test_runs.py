@@ -67,8 +67,18 @@ def run_dir(name):
     return d
 
 
+REPORTS = {}
+
+
 def report(name):
-    """Runs the tool afresh into a folder of its own; returns the summary and the page."""
+    """Runs the tool afresh into a folder of its own (once per program); returns the summary
+    and the page."""
+    if name not in REPORTS:
+        REPORTS[name] = make_report(name)
+    return REPORTS[name]
+
+
+def make_report(name):
     out = os.path.join(OUT, 'report-' + name)
     shutil.rmtree(out, ignore_errors=True)
     r = subprocess.run([TOOL, '--out', out, run_dir(name)], capture_output=True, text=True, timeout=300)
@@ -244,8 +254,13 @@ def make_phone(src, dest, serial, speed=1.0, extra_growth=0, waf=None):
 
 
 class Batch(unittest.TestCase):
+    made = False
+
     @classmethod
     def setUpClass(cls):
+        if Batch.made:
+            return
+        Batch.made = True
         cls.dir = os.path.join(OUT, 'batch')
         shutil.rmtree(cls.dir, ignore_errors=True)
         os.makedirs(cls.dir)
