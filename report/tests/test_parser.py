@@ -254,6 +254,27 @@ class EndReasons(unittest.TestCase):
         self.assertTrue(a['end_quote'].endswith('storage_filler cycle 0 exit, wdt timeout'))
         self.assertEqual(a['failures'], [])
 
+    def test_enter_h8_and_battery_wait_on_the_timeline(self):
+        lines = run_lines(cycles=0, end=False)
+        lines += [p(1, 2) + body('enter_h8_test', 'enter_h8_test begin'),
+                  p(301, 2) + body('enter_h8_test', 'enter_h8_test end')]
+        cyc = cycle_lines(302, 0)
+        cyc.insert(1, p(402, 2) + body('storage_filler', 'BATTERY_TEMP higher than 490, sleep 100s') + '\n')
+        # The writers end 110 s later than they would have: the battery held the cycle.
+        for tid in range(20, 34):
+            cyc = [l.replace(p(311.5, tid), p(421.5, tid)) for l in cyc]
+        a, _ = analyse(''.join(lines + cyc))
+        h8 = a['tests'][0]
+        self.assertEqual((h8['name'], h8['end'] - h8['start']), ('enter-H8', 300.0))
+        c = a['cycles'][0]
+        self.assertEqual(c['battery_lines'], [p(402, 2) + '[FLASH]INFO:storage_filler:1 BATTERY_TEMP higher than 490, '
+                                                          'sleep 100s'])
+        self.assertAlmostEqual(c['battery_wait_s'], 110.5, places=3)   # writers began at 421.5 - 9 s
+        from flashaging_report import plots
+        svg = plots.timeline(dict(a, marks=a['marks']))
+        for row in ('set-up', 'enter-H8', 'battery wait', 'fill', 'benchmark + health'):
+            self.assertIn('>%s<' % row, svg)
+
     def test_gates_and_set_up(self):
         base = [p(0, 2) + body('initialize_args', 'aging version is 2.0'),
                 p(0, 2) + body('pe_cycle_check', 'PE cycle is 31')]
