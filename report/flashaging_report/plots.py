@@ -34,7 +34,7 @@ def markers(n):
 
 def to_svg(fig):
     buf = io.StringIO()
-    fig.savefig(buf, format='svg')
+    fig.savefig(buf, format='svg', metadata={'Date': None})
     plt.close(fig)
     text = buf.getvalue()
     # Drop the XML declaration and doctype: the SVG goes inline into the page.
