@@ -143,7 +143,7 @@ def fill(cycles):
     hi = [c['fill']['writer_mib_s_max'] for c in cs]
     a2.plot(x, tot, marker=markers(len(cs)), color=COLORS['fill'], label='all 8 writers')
     a2.set_ylabel('MiB/s, all writers')
-    a2.set_ylim(bottom=0)
+    a2.set_ylim(0, max([t for t in tot if t is not None] + [1.0]) * 1.15)
     b = a2.twinx()
     if len(cs) <= MANY:
         b.vlines(x, lo, hi, color='#aec7e8', linewidth=9, label='slowest to fastest writer')
@@ -215,7 +215,7 @@ def health(cycles, pe_limit=None):
     a1.annotate('limit 29 (read reclaim, bad blocks)', (0.5, 29), fontsize=7, color=COLORS['fail'],
                 va='bottom')
     a1.set_title('Health counters: growth per cycle')
-    a1.legend(fontsize=7, loc='upper left')
+    a1.legend(fontsize=7, loc='center left')
     top = max([c['health'].get(k, 0) for c in cs for k, _ in keys] + [0])
     a1.set_ylim(0, max(top, 29) * 1.25 + 1)
     _cycle_axis(a1, cs)
