@@ -1,0 +1,100 @@
+// Linked into the executable of the sanitizer builds only (asan, tsan): the runtimes' options
+// and suppressions travel with the executable, so a sanitized run behaves the same on the
+// host, in the simulated phone and on a phone, whatever environment it is started with.
+// Options in ASAN_OPTIONS, UBSAN_OPTIONS, LSAN_OPTIONS or TSAN_OPTIONS still win over these.
+//
+// A report fails the run where it can be seen: the runtime writes it to standard error,
+// which the program moves into its log (before that: the simulator's stdout.txt), and the
+// exit status is no longer 0 (1 for address, leak and undefined-behaviour reports, 66 for
+// thread reports). The end-to-end scenarios look for both.
+//
+// Only what the program does on purpose is suppressed, each with the reason.
+#include <pthread.h>
+#include <unistd.h>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define FLASHAGING_ASAN 1
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define FLASHAGING_TSAN 1
+#endif
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define FLASHAGING_ASAN 1
+#endif
+#if __has_feature(thread_sanitizer)
+#define FLASHAGING_TSAN 1
+#endif
+#endif
+
+#if defined(FLASHAGING_TSAN)
+#include <sanitizer/common_interface_defs.h>
+#endif
+
+extern "C" {
+
+#if defined(FLASHAGING_ASAN)
+// Address errors end the run at once with status 1; the runtime must not raise SIGABRT,
+// which the program catches as an abnormal end. The program installs its own SIGSEGV and
+// SIGBUS handlers on purpose.
+const char *__asan_default_options() {
+    return "abort_on_error=0:halt_on_error=1:exitcode=1:allow_user_segv_handler=1:detect_leaks=1:"
+           "print_summary=1";
+}
+
+const char *__ubsan_default_options() { return "print_stacktrace=1:halt_on_error=1:exitcode=1"; }
+
+const char *__lsan_default_suppressions() {
+    return
+        // The settings record is allocated once by set-up, reached through g_args for the
+        // whole run and never freed: the watchdog and the abnormal-end handler may still
+        // read it while the process ends.
+        "leak:initialize_flashtest_env\n";
+}
+
+// The abnormal-end handler ends the thread that caught the signal, on purpose; whatever that
+// thread's frames held (the benchmark's buffers, the filler's thread records) goes with it
+// unfreed, since the workers still running may use it. The process then ends when its last
+// thread ends, and it is the only way it ends from a thread other than the main one: the
+// leak check is left out for that end alone.
+int __lsan_is_turned_off() { return gettid() != getpid(); }
+#endif
+
+#if defined(FLASHAGING_TSAN)
+// Races are reported as they happen and the run goes on to its end, which then exits 66.
+const char *__tsan_default_options() { return "halt_on_error=0:exitcode=66:report_signal_unsafe=1"; }
+
+const char *__tsan_default_suppressions() {
+    return
+        // The watchdog thread is never joined: it waits out its budget (or its wake-up) and
+        // ends with the process.
+        "thread:flash_wdt_thread\n"
+        // The abnormal-end handler logs, writes the pattern dump and the results, and calls
+        // the daemon: routines that are not async-signal-safe, called from the handler on
+        // purpose because the run is ending anyway.
+        "signal:flash_sigroutine\n";
+}
+#endif
+
+}  // extern "C"
+
+#if defined(FLASHAGING_TSAN)
+namespace {
+
+void *no_work(void *) { return nullptr; }
+
+// The thread sanitizer starts a helper thread of its own with the first thread the program
+// creates. A process ends when its last thread ends; after an abnormal end (the handler ends
+// the main thread, the others finish their work) that helper would be the last one and keep
+// the process alive for good. So the helper is started here, before main, and stopped at
+// once: the runtime stops it when told that the process enters a sandbox, and never starts
+// it again. It only does housekeeping that the defaults above leave off (memory flushes,
+// the RSS limit, profiles).
+__attribute__((constructor)) void stop_sanitizer_helper_thread() {
+    pthread_t t;
+    if (pthread_create(&t, nullptr, no_work, nullptr) == 0) pthread_join(t, nullptr);
+    __sanitizer_sandbox_on_notify(nullptr);
+}
+
+}  // namespace
+#endif
