@@ -9,8 +9,15 @@
 // thread reports). The end-to-end scenarios look for both.
 //
 // Only what the program does on purpose is suppressed, each with the reason.
+#include <dirent.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 
 #if defined(__SANITIZE_ADDRESS__)
 #define FLASHAGING_ASAN 1
@@ -81,19 +88,56 @@ const char *__tsan_default_suppressions() {
 #if defined(FLASHAGING_TSAN)
 namespace {
 
-void *no_work(void *) { return nullptr; }
+// Live threads of this process, -1 when /proc/self/task cannot be read. A main thread that
+// has ended stays listed, as a zombie, until the whole process ends: it is not counted.
+int live_threads() {
+    DIR *d = opendir("/proc/self/task");
+    if (d == nullptr) return -1;
+    int n = 0;
+    while (const dirent *e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        char path[300], stat[512];
+        snprintf(path, sizeof path, "/proc/self/task/%s/stat", e->d_name);
+        int fd = open(path, O_RDONLY | O_CLOEXEC);
+        if (fd < 0) continue;  // ended meanwhile
+        ssize_t len = read(fd, stat, sizeof stat - 1);
+        close(fd);
+        if (len <= 0) continue;
+        stat[len] = '\0';
+        // "tid (name) S ...": the state follows the name's closing parenthesis.
+        const char *close_paren = strrchr(stat, ')');
+        char state = close_paren && close_paren[1] == ' ' ? close_paren[2] : '?';
+        if (state != 'Z' && state != 'X') ++n;
+    }
+    closedir(d);
+    return n;
+}
 
-// The thread sanitizer starts a helper thread of its own with the first thread the program
-// creates. A process ends when its last thread ends; after an abnormal end (the handler ends
-// the main thread, the others finish their work) that helper would be the last one and keep
-// the process alive for good. So the helper is started here, before main, and stopped at
-// once: the runtime stops it when told that the process enters a sandbox, and never starts
-// it again. It only does housekeeping that the defaults above leave off (memory flushes,
-// the RSS limit, profiles).
-__attribute__((constructor)) void stop_sanitizer_helper_thread() {
+// A process ends when its last thread ends. After an abnormal end the handler ends the main
+// thread and the others finish their work; the plain build then exits 0 when the last of
+// them ends. Under the thread sanitizer neither happens by itself: its own helper thread
+// would outlive them all and keep the process alive for good, and a process that ends on a
+// thread's way out would run the runtime's exit handlers after that thread's state is gone
+// (a crash). So the helper is stopped (the runtime stops it when told that the process
+// enters a sandbox, and never starts it again; it only does housekeeping that these options
+// leave off) and this thread ends the process with status 0, through the runtime's exit
+// handlers, once it is the only thread left.
+void *end_with_the_last_thread(void *) {
+    for (;;) {
+        struct timespec pause = {0, 50 * 1000 * 1000};
+        nanosleep(&pause, nullptr);
+        if (live_threads() == 1) exit(0);
+    }
+}
+
+__attribute__((constructor)) void take_over_the_sanitizer_helper_thread() {
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     pthread_t t;
-    if (pthread_create(&t, nullptr, no_work, nullptr) == 0) pthread_join(t, nullptr);
-    __sanitizer_sandbox_on_notify(nullptr);
+    // The runtime starts its helper with the first thread: this one.
+    if (pthread_create(&t, &attr, end_with_the_last_thread, nullptr) == 0) __sanitizer_sandbox_on_notify(nullptr);
+    pthread_attr_destroy(&attr);
 }
 
 }  // namespace
