@@ -39,3 +39,20 @@ TEST(SimProc, SelfAndTheCommandsPidReachTheRealProcfsWhileTheNodesStayTheProfile
 }
 
 }  // namespace
+
+namespace {
+
+// What the sanitized scenarios look for: the first line of any runtime's report.
+TEST(SanitizedRuns, EveryRuntimesReportIsFoundInALog) {
+    const char *prefix = "[2026-01-01 00:00:00.000][2][FLASH]INFO:main:50 Start Flash Aging Test!\n";
+    for (const char *report : {"==2==ERROR: AddressSanitizer: heap-use-after-free on address 0x6020",
+                               "==2==ERROR: LeakSanitizer: detected memory leaks",
+                               "==9==LeakSanitizer has encountered a fatal error.",
+                               "WARNING: ThreadSanitizer: data race (pid=2)",
+                               "flashaging/pattern_read.cpp:97:5: runtime error: load of misaligned address"}) {
+        EXPECT_EQ(e2e::sanitizer_report(std::string(prefix) + report + "\n    #0 0x55 in f\n"), report);
+    }
+    EXPECT_EQ(e2e::sanitizer_report(prefix), "");
+}
+
+}  // namespace
