@@ -20,14 +20,19 @@ TEST(SimProc, SelfAndTheCommandsPidReachTheRealProcfsWhileTheNodesStayTheProfile
          "test -e /proc/meminfo || echo no-host-node; echo processes=$(ls /sim/proc | grep -c '^[0-9]')"},
         &out);
     ASSERT_EQ(status, 0) << out;
-    // The command is the second process of the phone's own pid namespace.
-    EXPECT_NE(out.find("pid=2\ntask=2\n"), std::string::npos) << out;
+    // The command is a process of the phone's own pid namespace (pid 2 with the plain
+    // simulator, 3 with the thread-sanitized one), with its own /proc/<pid> there.
+    size_t p = out.find("pid=");
+    ASSERT_NE(p, std::string::npos) << out;
+    std::string pid = out.substr(p + 4, out.find('\n', p) - p - 4);
+    EXPECT_TRUE(pid == "2" || pid == "3") << out;
+    EXPECT_NE(out.find("pid=" + pid + "\ntask=" + pid + "\n"), std::string::npos) << out;
     // /proc/self follows whichever process looks: here readlink and grep.
     EXPECT_NE(out.find("/readlink\n"), std::string::npos) << out;
     EXPECT_EQ(count(out, "Pid:\t"), 1) << out;
-    EXPECT_EQ(count(out, "Pid:\t2\n"), 0) << "grep's own pid, not the shell's: " << out;
+    EXPECT_EQ(count(out, "Pid:\t" + pid + "\n"), 0) << "grep's own pid, not the shell's: " << out;
     // /proc holds the profile's nodes and the links, nothing else of a procfs.
-    EXPECT_NE(out.find("listing\n2\ndevinfo\nself\nthread-self\nufs_signalShow\nversion\nzarvo_healthinfo\nend\n"),
+    EXPECT_NE(out.find("listing\n" + pid + "\ndevinfo\nself\nthread-self\nufs_signalShow\nversion\nzarvo_healthinfo\nend\n"),
               std::string::npos)
         << out;
     EXPECT_NE(out.find("Linux version 9.9-test\nDevice version:\tH9HQ16AECMMDAR\n"), std::string::npos) << out;
