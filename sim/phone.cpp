@@ -77,6 +77,7 @@ struct ExecPlan {
         dprintf(2, "flashaging-sim: cannot enter the phone: %s\n", strerror(errno));
         _exit(126);
     }
+    link_own_proc();
     sigset_t all;
     sigemptyset(&all);
     sigprocmask(SIG_SETMASK, &all, nullptr);
@@ -104,6 +105,7 @@ struct ExecPlan {
     }
     for (int sig : {SIGINT, SIGQUIT, SIGHUP, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU})
         signal(sig, SIG_IGN);
+    mount_phone_proc(plan.root);
     pid_t child = fork();
     if (child < 0) {
         int status = 127 << 8;

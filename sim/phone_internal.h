@@ -33,6 +33,15 @@ uint64_t loop_written_sectors(const PhoneSpec &s);
 // Builds the phone's root under s.root: binds, tmpfs, /data, /proc, /sys, /system, daemon.
 void build_root(const PhoneSpec &s);
 
+// The phone's real procfs (sim/phone_proc.cpp): where it is mounted, the /proc/self and
+// /proc/thread-self links build_root makes, the mount by the phone's pid 1 (false, with a
+// line on standard error, when it fails) and the link /proc/<pid> the command's process
+// makes to its own folder.
+inline constexpr const char *kPhoneProc = "/sim/proc";
+void proc_links(const PhoneSpec &s);
+bool mount_phone_proc(const std::string &root);
+void link_own_proc();
+
 // Flips one byte of a pattern file that the program's readers are reading: it watches the
 // pattern folder for reads and picks the smallest complete file among the first ones read.
 class CorruptHunt {

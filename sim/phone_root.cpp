@@ -174,6 +174,7 @@ void build_root(const PhoneSpec &s) {
                  it != p.zarvo_text.end() ? it->second : default_zarvo(f));
         }
     }
+    proc_links(s);
     if (p.battery) node(s, "/sys/class/power_supply/battery/temp", std::to_string(temperature_at(p, 0)) + "\n", 0644);
 
     // /data: ext4 on the loop device; deleted files punch holes in the image.

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -108,7 +109,23 @@ int run_and_capture(const std::vector<std::string> &argv, std::string &output) {
     return -1;
 }
 
+void expect_no_sanitizer_report(const std::string &where, const std::string &text) {
+    std::string line = sanitizer_report(text);
+    if (!line.empty()) ADD_FAILURE() << "sanitizer report in " << where << ": " << line << "\n" << text;
+}
+
 }  // namespace
+
+std::string sanitizer_report(const std::string &text) {
+    for (const char *mark : {"Sanitizer", " runtime error: "}) {
+        size_t pos = text.find(mark);
+        if (pos == std::string::npos) continue;
+        size_t begin = text.rfind('\n', pos);
+        begin = begin == std::string::npos ? 0 : begin + 1;
+        return text.substr(begin, text.find('\n', pos) - begin);
+    }
+    return "";
+}
 
 std::string RunResult::file(const std::string &relative) const {
     std::string text;
@@ -152,6 +169,16 @@ RunResult run(const std::string &profile, const std::vector<std::string> &overri
     slurp(r.out_dir + "/journal", r.journal);
     r.has_record = slurp(r.out_dir + "/factory/flash_aging_result.txt", r.record);
     r.has_results_csv = slurp(r.out_dir + "/factory/flash_aging_results.csv", r.results_csv);
+    const std::string ended = "the executable ended (exit status ";
+    size_t pos = r.sim_output.find(ended);
+    if (pos != std::string::npos) r.exe_status = atoi(r.sim_output.c_str() + pos + ended.size());
+    // The program exits 0 on every planned end and 255 when the argument fetch fails; any
+    // other status is a sanitizer's (1, 66) or a crash.
+    if (r.exe_status > 0 && r.exe_status != 255)
+        ADD_FAILURE() << "the executable exited " << r.exe_status << "\n" << r.sim_output;
+    expect_no_sanitizer_report("the simulator's output", r.sim_output);
+    expect_no_sanitizer_report("the log", r.log);
+    expect_no_sanitizer_report("stdout.txt", r.file("stdout.txt"));
     return r;
 }
 
@@ -166,6 +193,7 @@ int exec(const std::string &profile, const std::vector<std::string> &overrides,
     std::string out;
     int status = run_and_capture(argv, out);
     if (output) *output = out;
+    expect_no_sanitizer_report("the command's output", out);
     return status;
 }
 

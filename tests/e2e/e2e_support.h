@@ -18,6 +18,7 @@ struct RunResult {
     bool has_record = false;
     std::string results_csv;   // factory/flash_aging_results.csv
     bool has_results_csv = false;
+    int exe_status = -1;       // the executable's exit status (-1: it did not exit)
 
     // Contents of a file below out_dir ("" when absent) and whether it exists.
     std::string file(const std::string &relative) const;
@@ -33,6 +34,11 @@ struct RunResult {
 // is given, those argument elements replace the profile's `arg` lines.
 RunResult run(const std::string &profile, const std::vector<std::string> &overrides = {},
               const std::optional<std::vector<std::string>> &elements = std::nullopt);
+
+// The first line of a sanitizer report (address, leak, undefined behaviour, thread) in
+// `text`, or "". run() and exec() fail the scenario on one in what the run printed or left
+// in the log, so the sanitizer builds' scenarios fail on any report.
+std::string sanitizer_report(const std::string &text);
 
 // Runs a command inside a phone built from the profile (`flashaging-sim exec`); returns
 // its exit status and fills `output` with what it printed.
