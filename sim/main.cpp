@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/foreign_exe.h"
 #include "sim/health_model.h"
 #include "sim/phone.h"
 #include "sim/profile.h"
@@ -306,6 +307,11 @@ int simulate(Options &o) {
         }
         exe.clear();
     }
+    ExeCpu exe_cpu;
+    if (!exe.empty() && !inspect_exe(exe, exe_cpu, error)) {
+        errorf("%s", error.c_str());
+        return build_failed;
+    }
     std::vector<std::string> elements = (run && o.has_rest) ? o.rest : profile.args;
 
     const char *tmp_env = getenv("FLASHAGING_SIM_TMPDIR");
@@ -330,6 +336,7 @@ int simulate(Options &o) {
     logf("flashaging-sim %s, profile %s, run folder %s, temporary folder %s", run ? "run" : "exec",
          o.profile.c_str(), out.c_str(), tmp.c_str());
     write_file(out + "/profile.txt", profile.text);
+    if (!exe.empty()) logf("executable %s, CPU %s", exe.c_str(), exe_cpu.summary().c_str());
 
     struct sigaction sa = {};
     sa.sa_sigaction = on_interrupt;
@@ -417,6 +424,7 @@ int simulate(Options &o) {
         phone_spec.loop_index = loop_index;
         phone_spec.out_dir = out;
         phone_spec.exe = exe;
+        phone_spec.emulator = exe_cpu.emulator;
         phone_spec.elements = elements;
         phone_spec.command = o.rest;
         phone_spec.self_exe = self;
@@ -590,6 +598,7 @@ int simulate(Options &o) {
            exists(out + "/factory/flash_aging.log") ? "" : " (absent)");
     printf("  journal  %s/journal%s\n", out.c_str(), has_journal ? "" : " (absent)");
     printf("  sim log  %s/sim.log\n", out.c_str());
+    printf("  cpu      %s\n", exe_cpu.summary().c_str());
     write_run_report(out);
     fflush(stdout);
     if (kind == "timeout")

@@ -26,6 +26,7 @@
 #include <random>
 #include <set>
 
+#include "sim/foreign_exe.h"
 #include "sim/health_model.h"
 #include "sim/util.h"
 
@@ -240,6 +241,7 @@ int phone_main(const PhoneSpec &s) {
     }
     try {
         build_root(s);
+        bind_emulator(s);
     } catch (const BuildError &e) {
         report(s, "error " + e.message);
         return 1;
@@ -266,6 +268,7 @@ int phone_main(const PhoneSpec &s) {
     } else {
         plan.argv = s.command;
     }
+    plan.argv = through_emulator(s, plan.argv);  // a foreign executable runs through its emulator
     plan.in_fd = in_fd;
     plan.out_fd = out_fd;
 

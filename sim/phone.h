@@ -21,6 +21,7 @@ struct PhoneSpec {
     int loop_index = -1;
     std::string out_dir;    // host directory for the phone's kept files
     std::string exe;        // host path of the executable, bound to /system/bin/flashaging
+    std::string emulator;   // host path of the CPU emulator a foreign executable runs through; "" = native
     std::vector<std::string> elements;  // argument elements for the daemon
     std::vector<std::string> command;   // exec: the command and its arguments
     std::string self_exe;   // host path of this simulator (becomes /system/bin/monitor_tool)

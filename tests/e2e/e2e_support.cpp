@@ -155,11 +155,16 @@ std::string RunResult::verdict_word() const {
 
 RunResult run(const std::string &profile, const std::vector<std::string> &overrides,
               const std::optional<std::vector<std::string>> &elements) {
+    return run_exe(FLASHAGING_BIN, profile, overrides, elements);
+}
+
+RunResult run_exe(const std::string &exe, const std::string &profile, const std::vector<std::string> &overrides,
+                  const std::optional<std::vector<std::string>> &elements) {
     RunResult r;
     r.out_dir = fresh_out_dir();
     std::string profile_path = write_profile(profile, overrides, r.out_dir);
     std::vector<std::string> argv = {FLASHAGING_SIM_BIN, "run", "--profile", profile_path, "--out", r.out_dir,
-                                     "--exe", FLASHAGING_BIN};
+                                     "--exe", exe};
     if (elements) {
         argv.emplace_back("--");
         argv.insert(argv.end(), elements->begin(), elements->end());

@@ -40,6 +40,10 @@ RunResult run(const std::string &profile, const std::vector<std::string> &overri
 // in the log, so the sanitizer builds' scenarios fail on any report.
 std::string sanitizer_report(const std::string &text);
 
+// As run(), with another executable than the build's own (e.g. the host's, to compare with).
+RunResult run_exe(const std::string &exe, const std::string &profile, const std::vector<std::string> &overrides = {},
+                  const std::optional<std::vector<std::string>> &elements = std::nullopt);
+
 // Runs a command inside a phone built from the profile (`flashaging-sim exec`); returns
 // its exit status and fills `output` with what it printed.
 int exec(const std::string &profile, const std::vector<std::string> &overrides,
