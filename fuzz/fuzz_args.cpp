@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr size_t kMaxElements = 32;
+constexpr size_t kMaxElements = 6;
 
 // Every field but test_over, as bit patterns (floats compared bit for bit, NaN included).
 std::vector<uint64_t> fields(const test_args &a) {
@@ -36,10 +36,21 @@ constexpr size_t kV2Fields[] = {4, 5, 6, 7};  // full_filling_times .. fix_freq 
 
 // A record as set-up leaves it before the parse: zero-filled, both default stages. The
 // work directory does not exist, so total_file_size is the all-ones failure value every time.
+const test_args &default_record() {
+    static const test_args *record = [] {
+        auto *a = new test_args{};
+        args_defaults_stage1(a);
+        args_defaults_stage2(a, "/nonexistent/format_unclear");
+        return a;
+    }();
+    return *record;
+}
+
 std::unique_ptr<test_args> defaults() {
     auto a = std::make_unique<test_args>();
-    args_defaults_stage1(a.get());
-    args_defaults_stage2(a.get(), "/nonexistent/format_unclear");
+    // The record holds plain numbers and one lock-free word; a byte copy is what set-up's
+    // default stages would leave.
+    memcpy(static_cast<void *>(a.get()), &default_record(), sizeof(test_args));
     return a;
 }
 
