@@ -69,6 +69,10 @@ int write_memory_temperature(FILE *out, const char *node);
 int write_healthinfo_block(FILE *out, const healthinfo &info);
 int write_ufs_signal_record(FILE *out, const char *record_path);
 
+// The "UFS Signal Record:" title, then one "item: value" line per line of the open record
+// (lines without an item or a value are logged and skipped). Returns 0.
+int write_ufs_signal_lines(FILE *out, FILE *in);
+
 // ---- summary and pattern record ---------------------------------------------------------
 
 // delta_result on a given descriptor slot; `path` names the record file (mode, owner,

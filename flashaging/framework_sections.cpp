@@ -179,13 +179,7 @@ int write_healthinfo_block(FILE *out, const healthinfo &info) {
     return 0;
 }
 
-int write_ufs_signal_record(FILE *out, const char *record_path) {
-    if (access(record_path, F_OK) != 0) return 0;
-    FILE *in = fopen(record_path, "re");
-    if (!in) {
-        log_errno("[save_ufs_signal_record]Failed to open file");
-        return -1;
-    }
+int write_ufs_signal_lines(FILE *out, FILE *in) {
     size_t written = 0;
     int n = write_formatted(out, &written, "\nUFS Signal Record:\n");
     if (n < 0 || written != static_cast<size_t>(n))
@@ -200,6 +194,17 @@ int write_ufs_signal_record(FILE *out, const char *record_path) {
         if (n < 0 || written != static_cast<size_t>(n))
             log_errno("[save_ufs_signal_record]Failed to write record info");
     }
+    return 0;
+}
+
+int write_ufs_signal_record(FILE *out, const char *record_path) {
+    if (access(record_path, F_OK) != 0) return 0;
+    FILE *in = fopen(record_path, "re");
+    if (!in) {
+        log_errno("[save_ufs_signal_record]Failed to open file");
+        return -1;
+    }
+    write_ufs_signal_lines(out, in);
     fclose(in);
     return 0;
 }
