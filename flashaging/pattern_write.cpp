@@ -93,10 +93,10 @@ void record_step(pattern_fill_trace *trace, int64_t to, int64_t len) {
 
 }  // namespace
 
-void pattern_fill(const file_unit *unit, uint8_t *dst, int32_t size, pattern_fill_trace *trace) {
+bool pattern_fill(const file_unit *unit, uint8_t *dst, int32_t size, pattern_fill_trace *trace) {
     if (unit == nullptr || unit->buf == nullptr || dst == nullptr) {
         flash_printf("%s line %d invalid pointer\n", paths::kPatternSourcePath, __LINE__);
-        return;
+        return false;
     }
     // The block goes first whatever the size.
     memcpy(dst, unit->buf, kBlockSize);
@@ -116,6 +116,7 @@ void pattern_fill(const file_unit *unit, uint8_t *dst, int32_t size, pattern_fil
         memcpy(dst + n, dst, static_cast<size_t>(size - n));
         record_step(trace, n, size - n);
     }
+    return true;
 }
 
 void fill_unit_buffer(file_desc *desc, uint8_t *buf, int32_t size) {
@@ -223,7 +224,13 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
             close(fd);
             return 1;
         }
-        pattern_fill(chosen->unit, own, op_size);
+        if (!pattern_fill(chosen->unit, own, op_size)) {
+            // No pattern block (its allocation failed): a file of whatever the fresh buffer
+            // holds would be no pattern file. The writer stops.
+            close(fd);
+            free(own);
+            return 1;
+        }
         buf = own;
     }
 

@@ -232,4 +232,30 @@ TEST(RandomFinishGroupFile, OnePassOfCase0WritesEveryFileWithItsPattern) {
     EXPECT_EQ(patterns.size(), 10u);
 }
 
+// Without pattern blocks (their allocation failed at the first pattern_init) a writer has
+// nothing to fill its buffer from: it fails instead of writing whatever the buffer held.
+TEST(RandomFinishGroupFile, MissingPatternBlockFailsWithoutWritingTheFile) {
+    ScratchDir tmp;
+    const std::string dir = tmp.sub("file_pattern");
+    init_quietly(dir, 0);
+    g_cur_group_num.store(1);  // case 0's 4096-byte files only
+    uint8_t *blocks[std::size(g_file_units)];
+    for (size_t i = 0; i < std::size(g_file_units); ++i) blocks[i] = std::exchange(g_file_units[i].buf, nullptr);
+    SpinLock lock;
+    uint64_t bytes = 0;
+    int32_t result = -1;
+    const std::string out = capture([&] { result = random_finish_group_file(&lock.lock, dir.c_str(), &bytes); });
+    for (size_t i = 0; i < std::size(g_file_units); ++i) g_file_units[i].buf = blocks[i];
+
+    EXPECT_EQ(result, 1);
+    EXPECT_EQ(bytes, 0u);
+    EXPECT_TRUE(matches(out, kInvalidPointer)) << out;
+    int files = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(dir)) {
+        ++files;
+        EXPECT_EQ(std::filesystem::file_size(entry.path()), 0u) << entry.path();
+    }
+    EXPECT_EQ(files, 1);
+}
+
 }  // namespace
