@@ -17,6 +17,12 @@
 #include "flashaging/pattern.h"
 #include "flashaging/pattern_internal.h"
 
+// A plain mutex locked and unlocked by hand, not a scoped guard: a writer may be ended at any
+// instruction by the abnormal-end handler (pthread_exit unwinds its frames), and a frame
+// with a destructor to run there has no unwind entry for the lock's own call, which ends
+// the process (std::terminate) instead of the thread.
+pthread_mutex_t g_shared_patterns_lock = PTHREAD_MUTEX_INITIALIZER;
+
 namespace {
 
 constexpr int32_t kBlockSize = 4096;
@@ -36,11 +42,6 @@ struct shared_pattern {
     const uint8_t *block = nullptr;       // the unit's block it was laid down from
 };
 shared_pattern g_shared_patterns[std::size(g_file_units)];
-// A plain mutex locked and unlocked by hand, not a scoped guard: a writer may be ended at any
-// instruction by the abnormal-end handler (pthread_exit unwinds its frames), and a frame
-// with a destructor to run there has no unwind entry for the lock's own call, which ends
-// the process (std::terminate) instead of the thread.
-pthread_mutex_t g_shared_patterns_lock = PTHREAD_MUTEX_INITIALIZER;
 
 // The largest write of any file of this pattern in the three mixes.
 int32_t largest_write(const file_unit *unit) {
