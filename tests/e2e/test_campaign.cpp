@@ -28,7 +28,7 @@ struct Case {
     const char *name;
     std::vector<std::string> overrides;  // added to the default phone
     Sig sig = Sig::kNone;                // the signal the case sends, if any
-    bool may_miss = false;               // the signal may come after the run's end (then a normal end)
+    bool may_miss = false;  // the signal may come after the run's end, or after the verdict was written
 };
 
 // The case's name stands for it in test lists.
@@ -76,7 +76,6 @@ void expect_promises(const e2e::RunResult &r, const Case &c) {
         EXPECT_EQ(count(stdout_text, crash), 0) << crash;
     }
     ASSERT_TRUE(r.has_record);
-    EXPECT_EQ(r.record.size(), 10u);
 
     const bool caught = c.sig != Sig::kNone && count(r.log, " SIG " + std::to_string(sig_number(c.sig)) + " catched\n\n") > 0;
     if (c.sig != Sig::kNone && !c.may_miss) {
@@ -85,7 +84,13 @@ void expect_promises(const e2e::RunResult &r, const Case &c) {
     const std::string word = r.verdict_word();
     if (caught) {
         // The dump took the record's descriptor: the verdict cannot be written, "START" stays.
-        EXPECT_EQ(word, "START");
+        if (c.may_miss && (word == "SUCCESS" || word == "FAIL")) {
+            // Caught after the summary wrote the verdict: the word stays, padded to 10 bytes.
+            EXPECT_EQ(r.record.size(), 10u);
+        } else {
+            EXPECT_EQ(word, "START");
+            EXPECT_EQ(r.record.substr(0, 5), "START");
+        }
         EXPECT_EQ(r.file("factory/flash_pattern").size(), 8u << 20);
         EXPECT_TRUE(journal_has(r, "dump_stack"));
         EXPECT_GE(count(r.journal, "cleanEnvDone 2 "), 1);
@@ -100,6 +105,7 @@ void expect_promises(const e2e::RunResult &r, const Case &c) {
         }
     } else {
         EXPECT_TRUE(word == "SUCCESS" || word == "FAIL" || word == "SKIP") << word;
+        EXPECT_EQ(r.record.size(), 10u) << "the verdict word, padded with zeros to 10 bytes";
         const std::string done = word == "SUCCESS" ? "cleanEnvDone 2 1" : word == "FAIL" ? "cleanEnvDone 2 0" : "cleanEnvDone 2 2";
         EXPECT_TRUE(journal_has(r, done)) << r.journal;
         EXPECT_EQ(count(r.journal, "finishOtherTest 2"), word == "FAIL" ? 1 : 0) << r.journal;
@@ -116,8 +122,24 @@ TEST_P(Campaign, KeepsItsPromises) {
     // The outcome, for the campaign's table.
     std::string sig_at = "-";
     if (c.sig != Sig::kNone) {
-        auto lines = e2e::lines_with(r.log, "SIG " + std::to_string(sig_number(c.sig)) + " catched");
-        sig_at = lines.empty() ? "not caught" : lines.front().substr(0, lines.front().find("[FLASH]"));
+        // Where it was caught: the thread, and the log line just before.
+        const std::string mark = " SIG " + std::to_string(sig_number(c.sig)) + " catched";
+        size_t at = r.log.find(mark);
+        if (at == std::string::npos) {
+            sig_at = "not caught";
+        } else {
+            size_t start = r.log.rfind('\n', at);
+            start = start == std::string::npos ? 0 : start + 1;
+            size_t prev_end = start > 0 ? start - 1 : 0;
+            while (prev_end > 0 && r.log[prev_end - 1] == '\n') --prev_end;
+            size_t prev = r.log.rfind('\n', prev_end > 0 ? prev_end - 1 : 0);
+            prev = prev == std::string::npos ? 0 : prev + 1;
+            std::string before = prev < prev_end ? r.log.substr(prev, prev_end - prev) : "";
+            size_t body = before.find("[FLASH]");
+            if (body != std::string::npos) before = before.substr(body);
+            sig_at = "caught by thread " + r.log.substr(r.log.find("][", start) + 2, r.log.find("][FLASH", start) - r.log.find("][", start) - 2) +
+                     " after \"" + before.substr(0, 90) + "\"";
+        }
     }
     std::string wall = "?";
     auto ended = e2e::lines_with(r.sim_output, "after ");
@@ -171,7 +193,8 @@ std::vector<Case> signal_cases(bool ci) {
     for (const Phase &ph : phases()) {
         for (Sig s : {Sig::kTerm, Sig::kInt, Sig::kUsr1, Sig::kSegv}) {
             // CI's share: every phase once, the signals taken in turn.
-            const bool in_ci = (&ph - &phases()[0]) % 4 == static_cast<int>(s) - 1;
+            // The summary (a whole run of the filler) is left to the full campaign.
+            const bool in_ci = std::string(ph.name) != "Summary" && (&ph - &phases()[0]) % 4 == static_cast<int>(s) - 1;
             if (in_ci != ci) continue;
             names.push_back(std::string(ph.name) + "_" + sig_name(s));
             std::vector<std::string> more = ph.setup;
@@ -189,7 +212,7 @@ std::vector<Case> fault_cases(bool ci) {
     const std::string pass = "log:g_group_size is";
     std::vector<Case> all = {
         // CI's share.
-        {"ToolGarbageMidRun", short_run(30, {"tool_fault = garbage@" + pass})},
+        {"ToolGarbageMidRun", short_run(20, {"tool_fault = garbage@" + pass})},
         {"FullDuringFirstPass",
          short_run(30, {"data_free_mib = 65600", "arg = -reserved_space 1", "ballast_at = log+2:g_group_size is",
                         "pe_per_gib = 8", "host_room_gib = 4"})},
