@@ -91,6 +91,11 @@ TEST(ShouldStopNow, StopFlagBitZeroOrWatchdogTestOverExactlyOne) {
 // signal with pthread_exit) must not take the barrier's mutex with it: the other writers
 // still arrive and wait.
 TEST(SbmtBarrier, WaiterEndedDuringTheWaitLeavesTheMutexFree) {
+#if defined(__SANITIZE_THREAD__)
+    // The thread sanitizer's runtime cannot follow a thread ended from a signal handler
+    // inside a blocking call (its own check fails); the plain and address builds run this.
+    GTEST_SKIP() << "not under the thread sanitizer";
+#endif
     struct sigaction sa {}, old {};
     sa.sa_handler = [](int) { pthread_exit(nullptr); };
     ASSERT_EQ(sigaction(SIGUSR2, &sa, &old), 0);
