@@ -99,7 +99,9 @@ void expect_promises(const e2e::RunResult &r, const Case &c) {
             // The temporary results file (sections only) stays unless the main thread went
             // on and wrote the results file through that name.
             const bool on_main = r.log.find("][2][FLASH]ERROR:flash_sigroutine") != std::string::npos;
-            if (on_main) EXPECT_TRUE(r.exists("factory/flash_aging_results.csv_temp"));
+            if (on_main) {
+                EXPECT_TRUE(r.exists("factory/flash_aging_results.csv_temp"));
+            }
             if (r.exists("factory/flash_aging_results.csv_temp")) {
                 std::string temp = r.file("factory/flash_aging_results.csv_temp");
                 EXPECT_NE(temp.find("Test Info:\n"), std::string::npos);
