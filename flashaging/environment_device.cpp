@@ -52,13 +52,14 @@ int read_kernel_version(char *uname, size_t size, const char *path) {
         copy_cut(uname, size, "unknown");
         return -1;
     }
-    // One byte is kept for the terminator; the node's text is far shorter in practice.
-    ssize_t n = read(fd, uname, size - 1);
+    // The whole field may be filled; a text as long as the field then has no terminator,
+    // and whoever prints the field bounds it by the field's size.
+    ssize_t n = read(fd, uname, size);
     int status = 0;
     if (n < 0) {
         copy_cut(uname, size, "unknown-ro");
         status = static_cast<int>(n);
-    } else {
+    } else if (static_cast<size_t>(n) < size) {
         uname[n] = '\0';
     }
     close(fd);

@@ -67,8 +67,8 @@ extern const device_node_paths kDeviceNodePaths;
 // "unknown", its last byte forced to NUL, then cut to fit the field with a terminator.
 void read_property(char *field, size_t field_size, const char *key);
 
-// The first bytes of the kernel version node into uname (kept NUL-terminated, so at most
-// size - 1 bytes). Returns 0, -1 when the node cannot be opened ("unknown"), or the read's
+// The first bytes of the kernel version node into uname, at most size bytes: a shorter text
+// is NUL-terminated, one of size bytes or more fills the field without a terminator. Returns 0, -1 when the node cannot be opened ("unknown"), or the read's
 // negative result ("unknown-ro").
 int read_kernel_version(char *uname, size_t size, const char *path);
 

@@ -1,6 +1,8 @@
 // Pattern engine internals shared by its source files and reached by the unit tests.
 #pragma once
 
+#include <pthread.h>
+
 #include <cstdint>
 
 #include "flashaging/pattern.h"
@@ -21,9 +23,12 @@ struct pattern_fill_trace {
 
 // Fills dst[0, size) with the unit's pattern: the 4096-byte block, then copies of what is
 // already there, doubling each time, then one last copy for the remainder. dst must hold
-// at least 4096 bytes and at least size bytes. Prints the "invalid pointer" line and leaves
-// dst alone when the unit has no block.
-void pattern_fill(const file_unit *unit, uint8_t *dst, int32_t size, pattern_fill_trace *trace = nullptr);
+// at least 4096 bytes and at least size bytes. Prints the "invalid pointer" line, leaves
+// dst alone and returns false when the unit has no block; true when dst was filled.
+bool pattern_fill(const file_unit *unit, uint8_t *dst, int32_t size, pattern_fill_trace *trace = nullptr);
+
+// Guards the laying down of the pattern buffers that the writers share.
+extern pthread_mutex_t g_shared_patterns_lock;
 
 // Frees the pattern buffers that the writers share (file_unit_free calls it with the pattern
 // blocks; no writer may be running).

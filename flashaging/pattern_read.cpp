@@ -100,7 +100,12 @@ int32_t read_disturb_file_in(const char *dir) {
         free(rbuf);
         return 1;
     }
-    pattern_fill(desc->unit, expected, op_size);
+    if (!pattern_fill(desc->unit, expected, op_size)) {
+        // No pattern block to compare with: nothing read could be judged.
+        free(rbuf);
+        free(expected);
+        return 1;
+    }
 
     struct timespec start {};
     struct timespec latest {};

@@ -1,6 +1,7 @@
 // Random group writing: the writers pick a file the current pass still owes, under the
 // shared spin lock, and write it whole with direct I/O outside the lock.
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,13 +10,18 @@
 #include <cstring>
 #include <functional>
 #include <iterator>
-#include <mutex>
 
 #include "flashaging/device_paths.h"
 #include "flashaging/environment.h"
 #include "flashaging/log.h"
 #include "flashaging/pattern.h"
 #include "flashaging/pattern_internal.h"
+
+// A plain mutex locked and unlocked by hand, not a scoped guard: a writer may be ended at any
+// instruction by the abnormal-end handler (pthread_exit unwinds its frames), and a frame
+// with a destructor to run there has no unwind entry for the lock's own call, which ends
+// the process (std::terminate) instead of the thread.
+pthread_mutex_t g_shared_patterns_lock = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
@@ -36,7 +42,6 @@ struct shared_pattern {
     const uint8_t *block = nullptr;       // the unit's block it was laid down from
 };
 shared_pattern g_shared_patterns[std::size(g_file_units)];
-std::mutex g_shared_patterns_lock;
 
 // The largest write of any file of this pattern in the three mixes.
 int32_t largest_write(const file_unit *unit) {
@@ -64,21 +69,22 @@ const uint8_t *shared_pattern_buffer(const file_unit *unit, int32_t size) {
     shared_pattern &sp = g_shared_patterns[unit - g_file_units];
     uint8_t *buf = sp.buf.load(std::memory_order_acquire);
     if (buf == nullptr) {
-        std::lock_guard<std::mutex> hold(g_shared_patterns_lock);
+        pthread_mutex_lock(&g_shared_patterns_lock);
         buf = sp.buf.load(std::memory_order_relaxed);
         if (buf == nullptr) {
-            if (unit->buf == nullptr) return nullptr;
-            const int32_t want = largest_write(unit);
-            if (want < size) return nullptr;
+            const int32_t want = unit->buf == nullptr ? 0 : largest_write(unit);
             // The fill always lays down a whole block.
             const size_t bytes = want > kBlockSize ? static_cast<size_t>(want) : kBlockSize;
-            buf = static_cast<uint8_t *>(aligned_alloc(kBlockSize, bytes));
-            if (buf == nullptr) return nullptr;
-            pattern_fill(unit, buf, want);
-            sp.size = want;
-            sp.block = unit->buf;
-            sp.buf.store(buf, std::memory_order_release);
+            if (want >= size && want > 0) buf = static_cast<uint8_t *>(aligned_alloc(kBlockSize, bytes));
+            if (buf != nullptr) {
+                pattern_fill(unit, buf, want);
+                sp.size = want;
+                sp.block = unit->buf;
+                sp.buf.store(buf, std::memory_order_release);
+            }
         }
+        pthread_mutex_unlock(&g_shared_patterns_lock);
+        if (buf == nullptr) return nullptr;
     }
     if (sp.block != unit->buf || sp.size < size) return nullptr;
     return buf;
@@ -93,10 +99,10 @@ void record_step(pattern_fill_trace *trace, int64_t to, int64_t len) {
 
 }  // namespace
 
-void pattern_fill(const file_unit *unit, uint8_t *dst, int32_t size, pattern_fill_trace *trace) {
+bool pattern_fill(const file_unit *unit, uint8_t *dst, int32_t size, pattern_fill_trace *trace) {
     if (unit == nullptr || unit->buf == nullptr || dst == nullptr) {
         flash_printf("%s line %d invalid pointer\n", paths::kPatternSourcePath, __LINE__);
-        return;
+        return false;
     }
     // The block goes first whatever the size.
     memcpy(dst, unit->buf, kBlockSize);
@@ -116,6 +122,7 @@ void pattern_fill(const file_unit *unit, uint8_t *dst, int32_t size, pattern_fil
         memcpy(dst + n, dst, static_cast<size_t>(size - n));
         record_step(trace, n, size - n);
     }
+    return true;
 }
 
 void fill_unit_buffer(file_desc *desc, uint8_t *buf, int32_t size) {
@@ -223,7 +230,13 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
             close(fd);
             return 1;
         }
-        pattern_fill(chosen->unit, own, op_size);
+        if (!pattern_fill(chosen->unit, own, op_size)) {
+            // No pattern block (its allocation failed): a file of whatever the fresh buffer
+            // holds would be no pattern file. The writer stops.
+            close(fd);
+            free(own);
+            return 1;
+        }
         buf = own;
     }
 
@@ -254,10 +267,11 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
 }
 
 void pattern_shared_buffers_free() {
-    std::lock_guard<std::mutex> hold(g_shared_patterns_lock);
+    pthread_mutex_lock(&g_shared_patterns_lock);
     for (shared_pattern &sp : g_shared_patterns) {
         free(sp.buf.exchange(nullptr, std::memory_order_relaxed));
         sp.size = 0;
         sp.block = nullptr;
     }
+    pthread_mutex_unlock(&g_shared_patterns_lock);
 }

@@ -34,6 +34,20 @@ const char *err_text(int err, char (&buf)[kErrTextLen]) {
     return err_text_result(strerror_r(err, buf, sizeof buf), buf);
 }
 
+void unlock_barrier_mutex(void *mutex) { pthread_mutex_unlock(static_cast<pthread_mutex_t *>(mutex)); }
+
+// The timed wait, in a frame of its own. A writer ended during the wait (the abnormal-end
+// handler's pthread_exit) gets the mutex back from the wait before its frames are unwound;
+// this frame hands it on, or the other writers would wait for it for ever. Kept out of line:
+// the caller's other calls must not come under this frame's cleanup.
+__attribute__((noinline)) int barrier_timed_wait(sbmt_barrier *b, const struct timespec *deadline) {
+    int rc;
+    pthread_cleanup_push(unlock_barrier_mutex, &b->mutex);
+    rc = pthread_cond_timedwait(&b->cond, &b->mutex, deadline);
+    pthread_cleanup_pop(0);
+    return rc;
+}
+
 }  // namespace
 
 int sbmt_barrier_init(sbmt_barrier *b, uint32_t count) {
@@ -82,7 +96,7 @@ int sbmt_barrier_wait(sbmt_barrier *b) {
         struct timespec deadline {};
         deadline.tv_sec = now.tv_sec + kWaitSeconds;
         deadline.tv_nsec = now.tv_usec * 1000;
-        const int rc = pthread_cond_timedwait(&b->cond, &b->mutex, &deadline);
+        const int rc = barrier_timed_wait(b, &deadline);
         if (rc != 0) {
             // The number is the wait's own answer (110 on a timeout); the text stays errno's.
             FLOG("sbmt_barrier_wait", "ERROR", "Wait the barrier cond failed with %d, %s\n", rc,

@@ -141,10 +141,11 @@ void filler_write_files(filler *rec, const char *dir, const char *space_path) {
 
     g_filler_stop.store(1, std::memory_order_relaxed);
     float cost = seconds_since(start);
-    rec->output = watchdog_test_over() ? WDT_TIMEOUT_CODE : ret;
+    const int32_t output = watchdog_test_over() ? WDT_TIMEOUT_CODE : ret;
+    rec->output.store(output, std::memory_order_relaxed);
     unsigned long long mb = written >> 20;
     FLOG("fill_fn", "INFO", "runs %d, ret %d, fill %lluMB,  speed is %.2f MB/s, cost is %.2fs\n",
-         runs, rec->output, mb, static_cast<double>(static_cast<float>(mb) / cost),
+         runs, output, mb, static_cast<double>(static_cast<float>(mb) / cost),
          static_cast<double>(cost));
 }
 
@@ -154,7 +155,7 @@ void *fill_fn(void *rec) {
 }
 
 void *read_disturb_fn(void *rec) {
-    static_cast<filler *>(rec)->output = read_disturb_file();
+    static_cast<filler *>(rec)->output.store(read_disturb_file(), std::memory_order_relaxed);
     g_filler_stop.store(1, std::memory_order_relaxed);
     return nullptr;
 }
@@ -175,7 +176,7 @@ int filler_wait_battery(int (*read_temp)(), void (*sleep_seconds)(unsigned)) {
     return slept;
 }
 
-int32_t filler_run_workers(uint32_t group) {
+int32_t filler_run_workers(uint32_t group, filler_thread_start start) {
     constexpr int kThreads = kFillerWriters + kFillerReaders;
     auto *handles = static_cast<pthread_t *>(malloc(kThreads * sizeof(pthread_t)));
     auto *recs = static_cast<filler *>(calloc(kThreads, sizeof(filler)));
@@ -197,9 +198,9 @@ int32_t filler_run_workers(uint32_t group) {
         int rc;
         if (i < kFillerWriters) {
             recs[i].group_id = group;
-            rc = pthread_create(&handles[i], nullptr, fill_fn, &recs[i]);
+            rc = start(&handles[i], nullptr, fill_fn, &recs[i]);
         } else {
-            rc = pthread_create(&handles[i], nullptr, read_disturb_fn, &recs[i]);
+            rc = start(&handles[i], nullptr, read_disturb_fn, &recs[i]);
         }
         if (rc != 0) {
             if (i < kFillerWriters)
@@ -212,6 +213,11 @@ int32_t filler_run_workers(uint32_t group) {
         started += 1;
     }
 
+    // The outputs the cycle is judged by. After a failed start they are those of that
+    // moment: what the started threads report once they are told to stop (a reader that
+    // found no files, a writer that met the watchdog) is not the cycle's result.
+    int32_t outputs[kThreads] = {};
+
     // A thread that could not be joined may still use its record: such records are never
     // read nor freed.
     bool unjoined[kThreads] = {};
@@ -219,6 +225,7 @@ int32_t filler_run_workers(uint32_t group) {
     if (started < kThreads) {
         // The cycle is over without the missing threads: stop the started ones and wait for
         // them, so that nothing they use goes away under them.
+        for (int i = 0; i < started; ++i) outputs[i] = recs[i].output.load(std::memory_order_relaxed);
         g_filler_stop.store(1, std::memory_order_relaxed);
         for (int i = 0; i < started; ++i) {
             if (pthread_join(handles[i], nullptr) != 0) {
@@ -241,16 +248,18 @@ int32_t filler_run_workers(uint32_t group) {
             }
             any_unjoined = true;
         }
+        for (int i = 0; i < kThreads; ++i)
+            if (!unjoined[i]) outputs[i] = recs[i].output.load(std::memory_order_relaxed);
     }
 
     sbmt_barrier_destroy(&g_filler_barrier);
     pthread_spin_destroy(&g_filler_lock);
 
     for (int i = 0; i < kThreads; ++i) {
-        if (unjoined[i] || recs[i].output == 0)
+        if (outputs[i] == 0)  // also a thread that could not be joined: its record is not read
             continue;
-        FLOG("storage_filler", "ERROR", "filler[%d].output is %d\n", i, recs[i].output);
-        fill = recs[i].output;
+        FLOG("storage_filler", "ERROR", "filler[%d].output is %d\n", i, outputs[i]);
+        fill = outputs[i];
         break;
     }
 

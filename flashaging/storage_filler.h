@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include "flashaging/framework.h"
@@ -13,7 +14,9 @@ inline constexpr int32_t WDT_TIMEOUT_CODE = 0x4321;
 
 struct filler {
     uint32_t group_id;
-    int32_t output;  // 0 ended normally, 1 failure, WDT_TIMEOUT_CODE watchdog end
+    // 0 ended normally, 1 failure, WDT_TIMEOUT_CODE watchdog end. Written by its own thread;
+    // read by the cycle after the joins, or while the threads still run when a start failed.
+    std::atomic<int32_t> output;
 };
 
 flash_test *storage_filler_init();
@@ -51,10 +54,14 @@ void filler_write_files(filler *rec, const char *dir, const char *space_path);
 // 10 s at a time, logging every tenth sleep. Returns the number of sleeps.
 int filler_wait_battery(int (*read_temp)(), void (*sleep_seconds)(unsigned));
 
+// How a cycle starts a worker thread (pthread_create's shape).
+using filler_thread_start = int (*)(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
+
 // One fill of the current group: eight writers and four readers started, joined and
 // scanned. Returns the fill result (0, a thread start/join error number, or the first
-// nonzero thread output).
-int32_t filler_run_workers(uint32_t group);
+// nonzero thread output). When a start fails, the outputs are taken as they stand at that
+// moment; the threads already started are then stopped and joined.
+int32_t filler_run_workers(uint32_t group, filler_thread_start start = pthread_create);
 
 // What a cycle calls after its fill.
 struct filler_cycle_steps {

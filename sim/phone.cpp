@@ -26,6 +26,7 @@
 #include <random>
 #include <set>
 
+#include "sim/fault_events.h"
 #include "sim/foreign_exe.h"
 #include "sim/health_model.h"
 #include "sim/util.h"
@@ -339,6 +340,7 @@ int phone_main(const PhoneSpec &s) {
                               (void)w;
                           }});
     }
+    for (auto &f : campaign_fault_events(s)) events.push_back({f.at, f.what, f.fire});
 
     int cgroup_fd = -1;
     if (!s.cgroup_procs.empty()) {
@@ -373,6 +375,7 @@ int phone_main(const PhoneSpec &s) {
     }
     report(s, "ready");
 
+    LogWatch logwatch;
     std::string end_kind = "lost";
     int end_status = 0;
     for (;;) {
@@ -402,15 +405,17 @@ int phone_main(const PhoneSpec &s) {
             end_kind = "timeout";
             break;
         }
+        logwatch.poll(s);
         for (auto &e : events) {
             if (e.done) continue;
             bool due = false;
-            if (e.at.path.empty()) {
+            if (e.at.path.empty() && e.at.log.empty()) {
                 due = elapsed >= e.at.seconds;
             } else {
-                if (e.path_seen < 0 && exists(in_phone(s, e.at.path))) {
+                if (e.path_seen < 0 && trigger_condition(s, e.at, logwatch)) {
                     e.path_seen = elapsed;
-                    logf("event: %s appeared at +%.2f s", e.at.path.c_str(), elapsed);
+                    logf("event: %s appeared at +%.2f s", e.at.log.empty() ? e.at.path.c_str() : e.at.log.c_str(),
+                         elapsed);
                 }
                 due = e.path_seen >= 0 && elapsed >= e.path_seen + e.at.seconds;
             }

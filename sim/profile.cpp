@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sim/fault_events.h"
 #include "sim/util.h"
 
 namespace sim {
@@ -152,7 +153,7 @@ bool apply(Profile &p, const std::string &key, const std::string &value, std::st
     };
     auto trigger = [&](Trigger &t) {
         if (!parse_trigger(value, t)) {
-            why = "expected SECONDS, /PHONE/PATH or /PHONE/PATH+SECONDS";
+            why = "expected SECONDS, /PHONE/PATH, /PHONE/PATH+SECONDS, log:TEXT or log+SECONDS:TEXT";
             return false;
         }
         return true;
@@ -354,6 +355,8 @@ bool apply(Profile &p, const std::string &key, const std::string &value, std::st
         p.captures.push_back(c);
         return true;
     }
+    bool fault_ok = false;
+    if (apply_fault_key(p, key, value, fault_ok, why)) return fault_ok;
     why = "unknown key";
     return false;
 }
@@ -364,6 +367,7 @@ bool parse_trigger(const std::string &text, Trigger &t) {
     Trigger r;
     r.text = text;
     if (text.empty()) return false;
+    if (text.rfind("log", 0) == 0) return parse_log_trigger(text, t);
     if (text[0] == '/') {
         size_t plus = text.find_last_of('+');
         double secs = 0;

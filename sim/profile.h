@@ -15,6 +15,7 @@ namespace sim {
 struct Trigger {
     double seconds = 0;
     std::string path;
+    std::string log;   // when set: `seconds` after a line of the program's log holds this text
     std::string text;  // as written in the profile
 };
 
@@ -37,6 +38,23 @@ struct SignalEvent {
 
 struct Capture {
     std::string path;
+    Trigger at;
+};
+
+// The health tool taken away, replaced by a garbage printer, made slow or put back.
+struct ToolFault {
+    std::string action;  // remove, garbage, slow, restore
+    double delay = 0;    // slow: seconds before it prints
+    Trigger at;
+};
+
+// A signal to one thread of the program: the first whose place in the order of creation
+// (0 the main thread) lies in [first, last] and whose current system call matches `state`.
+struct ThreadSignal {
+    int signo = 0;
+    std::string name;
+    int first = 0, last = 0;
+    std::string state = "any";  // any, futex, sleep, io
     Trigger at;
 };
 
@@ -116,6 +134,10 @@ struct Profile {
     Trigger corrupt_at;
     std::vector<SignalEvent> signals;
     std::vector<Capture> captures;
+    std::vector<ToolFault> tool_faults;
+    bool battery_remove = false;
+    Trigger battery_remove_at;
+    std::vector<ThreadSignal> thread_signals;
 };
 
 // The six files of /proc/zarvo_healthinfo/, in the program's order.

@@ -53,9 +53,17 @@ TEST(KernelVersion, ReadTerminatedOrReplaced) {
     std::string version = "Linux version 5.10.0 (builder@host) #1 SMP\n";
     EXPECT_EQ(read_kernel_version(uname, sizeof uname, put(tmp.file("v"), version).c_str()), 0);
     EXPECT_EQ(std::string(uname), version);
+    // A long text fills all 256 bytes of the field, without a terminator and without
+    // touching the field behind it.
+    device_properties p;
+    memset(&p, 'Z', sizeof p);
+    p.storage_type = 0x5A5A5A5A;
+    EXPECT_EQ(read_kernel_version(p.uname, sizeof p.uname, put(tmp.file("long"), std::string(300, 'v')).c_str()), 0);
+    EXPECT_EQ(std::string(p.uname, sizeof p.uname), std::string(256, 'v'));
+    EXPECT_EQ(p.storage_type, 0x5A5A5A5A);
     memset(uname, 'Z', sizeof uname);
-    EXPECT_EQ(read_kernel_version(uname, sizeof uname, put(tmp.file("long"), std::string(300, 'v')).c_str()), 0);
-    EXPECT_EQ(std::string(uname), std::string(255, 'v'));
+    EXPECT_EQ(read_kernel_version(uname, sizeof uname, put(tmp.file("255"), std::string(255, 'w')).c_str()), 0);
+    EXPECT_EQ(std::string(uname), std::string(255, 'w'));
     EXPECT_EQ(read_kernel_version(uname, sizeof uname, tmp.file("missing").c_str()), -1);
     EXPECT_STREQ(uname, "unknown");
     // A node that opens but cannot be read (a directory).

@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "flashaging/environment.h"
 #include "flashaging/pattern.h"
@@ -105,6 +106,19 @@ TEST_F(ReadDisturb, EmptyReadIsRetriedOnceThenFails) {
     EXPECT_EQ(run_reader(&out), 1);
     const std::string once = line("INFO", "read_disturb_file", "read file " + name(3) + " failed 2\n");
     EXPECT_TRUE(matches(out, once + once)) << out;
+}
+
+// Without the pattern's block there is nothing to compare with: the reader ends with 1 before
+// it reads (these empty files would otherwise log failed reads and a retry).
+TEST_F(ReadDisturb, MissingPatternBlockEndsWithOneBeforeReading) {
+    for (int seq = 1; seq <= 5; ++seq) put(name(seq), "");
+    file_unit *unit = g_cur_groups.load()[0].descs[0].unit;
+    uint8_t *block = std::exchange(unit->buf, nullptr);
+    std::string out;
+    const int32_t result = run_reader(&out);
+    unit->buf = block;
+    EXPECT_EQ(result, 1);
+    EXPECT_TRUE(matches(out, R"(factory/agingtest/flashaging/pattern line \d+ invalid pointer\n)")) << out;
 }
 
 }  // namespace

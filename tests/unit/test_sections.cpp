@@ -134,6 +134,14 @@ TEST(TestInfo, ExactBlockWithDeviceVersionUnindented) {
               " Board temperature:31\n Serialno:abc123\n Bootdevice:1d84000.ufshc\n Build description:user 12 "
               "release-keys\n uname:Linux version 5.10\n");
     EXPECT_EQ(rc, 0);
+
+    // A kernel version as long as its field has no terminator: the line stops at the field.
+    device_properties full = p;
+    memset(full.uname, 'k', sizeof full.uname);
+    full.storage_type = 0x41414141;  // "AAAA" right behind the field
+    const std::string text = written([&](FILE *f) { return write_test_info(f, full); }, &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(text.substr(text.find(" uname:")), " uname:" + std::string(256, 'k') + "\n");
 }
 
 }  // namespace

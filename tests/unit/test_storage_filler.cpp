@@ -6,9 +6,13 @@
 #include <sys/statfs.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <climits>
 #include <filesystem>
+#include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "flashaging/environment.h"
@@ -185,6 +189,94 @@ TEST(FillerWriter, NoRoomWritesNothingAndStopsTheOthers) {
                                  R"([0-9.]+ MB/s, cost is [0-9.]+s\n)"))
         << out;
     EXPECT_TRUE(fs::is_empty(dir));
+}
+
+// ---- a cycle whose threads cannot all be started ----------------------------------------
+
+// Stand-ins for the twelve workers: the start seam runs these instead of the real writers
+// and readers. A worker may report at once (before the failed start) and again once the
+// stop flag tells it to end (as a reader that found no files, or a writer that saw the
+// watchdog, would).
+struct FakeWorker {
+    int32_t at_once = 0;
+    int32_t when_stopped = 0;
+    filler *rec = nullptr;
+    std::atomic<bool> reported{false};
+};
+FakeWorker g_fakes[kFillerWriters + kFillerReaders];
+std::atomic<int> g_starts;
+int g_fail_at, g_fail_errno;
+
+void *fake_worker(void *arg) {
+    auto *w = static_cast<FakeWorker *>(arg);
+    if (w->at_once != 0) w->rec->output.store(w->at_once);
+    w->reported.store(true);
+    while ((g_filler_stop.load() & 1) == 0) usleep(1000);
+    if (w->when_stopped != 0) w->rec->output.store(w->when_stopped);
+    return nullptr;
+}
+
+int fake_start(pthread_t *handle, const pthread_attr_t *, void *(*)(void *), void *rec) {
+    const int i = g_starts++;
+    if (i == g_fail_at) {
+        // The failure comes once the started workers have made their early reports.
+        for (int k = 0; k < i; ++k)
+            while (!g_fakes[k].reported.load()) usleep(1000);
+        return g_fail_errno;
+    }
+    g_fakes[i].rec = static_cast<filler *>(rec);
+    return pthread_create(handle, nullptr, fake_worker, &g_fakes[i]);
+}
+
+TEST(FillerWorkers, FailedStartJudgesTheRecordsAsTheyStoodThen) {
+    const auto error = [](const std::string &body) { return line("ERROR", "storage_filler", body); };
+    const struct {
+        int fail_at;
+        std::map<int, int32_t> at_once, when_stopped;
+        int32_t fill;
+        std::string log;
+    } cases[] = {
+        // Nothing reported when writer 5 could not start: the start's error number is the
+        // result, whatever the stopped threads say afterwards.
+        {5, {}, {{0, 1}, {3, WDT_TIMEOUT_CODE}}, EAGAIN, error("create w_th 5 failed\n")},
+        // Reader 1 had already failed when reader 2 could not start: its output is the result.
+        {10, {{9, 1}}, {{0, WDT_TIMEOUT_CODE}, {8, 1}}, 1,
+         error("create r_th 2 failed\n") + error("filler[9].output is 1\n")},
+        // Every thread started: the outputs after the joins count.
+        {-1, {}, {{3, 1}, {11, WDT_TIMEOUT_CODE}}, 1, error("filler[3].output is 1\n")},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE("fail at " + std::to_string(c.fail_at));
+        for (int i = 0; i < kFillerWriters + kFillerReaders; ++i) {
+            g_fakes[i].at_once = c.at_once.count(i) ? c.at_once.at(i) : 0;
+            g_fakes[i].when_stopped = c.when_stopped.count(i) ? c.when_stopped.at(i) : 0;
+            g_fakes[i].rec = nullptr;
+            g_fakes[i].reported.store(false);
+        }
+        g_starts = 0;
+        g_fail_at = c.fail_at;
+        g_fail_errno = EAGAIN;
+        if (c.fail_at < 0) {
+            // All start; they are stopped from here once all have reported.
+            std::thread stopper([] {
+                while (g_starts < kFillerWriters + kFillerReaders) usleep(1000);
+                for (auto &w : g_fakes)
+                    while (!w.reported.load()) usleep(1000);
+                g_filler_stop.store(1);
+            });
+            int32_t fill = -1;
+            const std::string out = capture([&] { fill = filler_run_workers(2, fake_start); });
+            stopper.join();
+            EXPECT_EQ(fill, c.fill);
+            EXPECT_TRUE(matches(out, c.log)) << out;
+            continue;
+        }
+        int32_t fill = -1;
+        const std::string out = capture([&] { fill = filler_run_workers(2, fake_start); });
+        EXPECT_EQ(fill, c.fill);
+        EXPECT_TRUE(matches(out, c.log)) << out;
+        EXPECT_EQ(g_filler_stop.load() & 1, 1) << "the started threads are told to stop";
+    }
 }
 
 }  // namespace
