@@ -132,7 +132,9 @@ def _verdict(run, word):
     else:
         from_log = 'START'      # no end line: the run broke off (the record would still say START)
     if word:
-        return word, 'pass/fail record'
+        # Set-up writes the five bytes "START" over the earlier run's word; only a verdict
+        # word (zero-padded) replaces them, so "STARTSS" is a run that never got that far.
+        return ('START' if word.startswith('START') else word), 'pass/fail record'
     if from_log:
         return from_log, 'log'
     return 'UNKNOWN', 'none'
