@@ -35,12 +35,12 @@ struct ExeCpu {
 // a foreign executable has no emulator here.
 bool inspect_exe(const std::string &exe, ExeCpu &out, std::string &error);
 
-// Binds the spec's emulator into the phone under kPhoneEmulatorDir (no-op without one).
+// Binds the phone description's emulator into the phone under kPhoneEmulatorDir (no-op without one).
 // Throws BuildError as the root's builder does.
 void bind_emulator(const PhoneSpec &s);
 
 // The argument vector that runs `argv` in the phone: when its program (an absolute phone
-// path, or a name found in /system/bin) is an ELF file of a foreign CPU and the spec has
+// path, or a name found in /system/bin) is an ELF file of a foreign CPU and the phone description has
 // an emulator, the emulator in the phone goes first. Otherwise `argv` as it is.
 std::vector<std::string> through_emulator(const PhoneSpec &s, const std::vector<std::string> &argv);
 
