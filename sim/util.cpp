@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -212,7 +213,10 @@ std::string trim(std::string_view s) {
     return std::string(s.substr(b, e - b));
 }
 
-int run_command(const std::vector<std::string> &argv, std::string *output) {
+// What a command may leave in `output`: enough for any tool's complaint.
+constexpr size_t kMaxOutput = 1u << 20;
+
+int run_command(const std::vector<std::string> &argv, std::string *output, double timeout) {
     if (argv.empty()) return -1;
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) return -1;
@@ -235,18 +239,36 @@ int run_command(const std::vector<std::string> &argv, std::string *output) {
         _exit(127);
     }
     close(fds[1]);
-    char buf[4096];
+    const double deadline = monotonic_seconds() + timeout;
+    bool open_pipe = true;
+    int status = 0;
     for (;;) {
-        ssize_t n = read(fds[0], buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        if (output) output->append(buf, static_cast<size_t>(n));
+        if (open_pipe) {
+            struct pollfd p = {fds[0], POLLIN, 0};
+            if (poll(&p, 1, 100) > 0) {
+                char buf[4096];
+                ssize_t n = read(fds[0], buf, sizeof buf);
+                if (n > 0 && output && output->size() < kMaxOutput) output->append(buf, static_cast<size_t>(n));
+                if (n == 0 || (n < 0 && errno != EINTR)) open_pipe = false;
+            }
+        } else if (timeout < 0) {
+            // No time limit and nothing more to read: wait for its end.
+            while (waitpid(pid, &status, 0) < 0)
+                if (errno != EINTR) return -1;
+            break;
+        } else {
+            usleep(50 * 1000);
+        }
+        pid_t w = waitpid(pid, &status, WNOHANG);
+        if (w == pid) break;
+        if (timeout >= 0 && monotonic_seconds() > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            close(fds[0]);
+            return -2;
+        }
     }
     close(fds[0]);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return -1;
-    }
     return status;
 }
 

@@ -37,8 +37,10 @@ std::string base_of(const std::string &path);
 std::string trim(std::string_view s);
 
 // Runs a command (searched in PATH), waits for it; returns the wait status, or -1 when it
-// could not be started. Standard output and error are appended to `output` when given.
-int run_command(const std::vector<std::string> &argv, std::string *output);
+// could not be started. Standard output and error are appended to `output` when given (up
+// to 1 MiB). With a `timeout` (seconds, >= 0) the command is killed when it runs longer,
+// and the answer is -2.
+int run_command(const std::vector<std::string> &argv, std::string *output, double timeout = -1);
 
 // Copies a file or a tree (symbolic links copied as links) below `to`, stopping once
 // `budget` bytes of file data have been copied; returns the bytes copied and sets
