@@ -8,6 +8,11 @@
 
 namespace e2e {
 
+// The header line of the results file's table.
+inline constexpr char kHeader[] =
+    "version,description,test_id,result_id,units,minimum,maximum,value,stdev,num_samples,test_ran,duration_sec,"
+    "status\n";
+
 struct RunResult {
     int sim_exit = -1;         // exit status of `flashaging-sim run`
     std::string out_dir;       // the run directory the simulator filled

@@ -18,9 +18,7 @@ namespace {
 using e2e::count;
 using e2e::journal_has;
 
-const char kHeader[] =
-    "version,description,test_id,result_id,units,minimum,maximum,value,stdev,num_samples,test_ran,duration_sec,"
-    "status\n";
+using e2e::kHeader;
 
 enum class Sig { kNone, kTerm, kInt, kUsr1, kSegv };
 

@@ -12,9 +12,7 @@ namespace {
 using e2e::count;
 using e2e::journal_has;
 
-const char kHeader[] =
-    "version,description,test_id,result_id,units,minimum,maximum,value,stdev,num_samples,test_ran,duration_sec,"
-    "status\n";
+using e2e::kHeader;
 
 TEST(Runner, NoTestSelectedGivesSectionsHeaderAndSuccess) {
     auto r = e2e::run("default", {}, std::vector<std::string>{"-n 7"});
