@@ -31,6 +31,7 @@ SCENARIOS = {
     'sigterm': ('AbnormalEnd.SigtermDuringTheFillerKeepsStartAndDumpsTheBuffers', 'sigterm'),
 }
 RUNS = {}
+R_READ_LINE = re.compile(r'read_disturb_file:\d+ read_times is \d+, average 1000 times cost ')
 
 
 def read(path):
@@ -145,11 +146,20 @@ class SimulatedRuns(unittest.TestCase):
             self.assertEqual(c['fill']['writers'], 8)
             self.assertEqual(sorted(c['bench']), ['rand read', 'rand write', 'seq read', 'seq write'])
             self.assertAlmostEqual(c['waf'], waf, delta=0.05)
-            self.assertGreater(c['reads_per_s'], 0)
+            # A reader reports only past 1000 verified reads; a cycle none reported has no rate.
+            rates = [1000.0 / r['cost_1000'] for r in c['readers'] if r['cost_1000']]
+            if rates:
+                self.assertAlmostEqual(c['reads_per_s'], sum(rates))
+                self.assertGreater(c['reads_per_s'], 0)
+            else:
+                self.assertIsNone(c['reads_per_s'])
             self.assertLessEqual(c['fill']['writer_mib_s_min'], c['fill']['writer_mib_s_max'])
             # The fill stops at the reserve: free - 2 x pass size <= reserve.
             self.assertGreater(c['fill']['mib'], 1500)
             mib += c['fill']['mib'] + c['bench_mib']
+        # Every reader's line of the log is in one cycle.
+        reported = [l for l in log_lines(run_dir('default')) if R_READ_LINE.search(l)]
+        self.assertEqual(len(reported), sum(len(c['readers']) for c in sm['cycles']))
         # The device model: P/E = start + floor(GiB written x pe_per_gib); what the file system
         # sends is the data plus its metadata and journal (a few per cent more).
         growth = sm['figures']['pe_end'] - sm['figures']['pe_start']
