@@ -36,27 +36,9 @@ constexpr const char *kGarbageTool =
     "printf 'eraseXLCCntAvg%05000d\\n' 7\n"
     "printf 'eraseCacheCntAvg=12\\n\\000\\377\\n'\n";
 
-bool parse_seconds(const std::string &text, double &out) {
-    if (text.empty()) return false;
-    char *end = nullptr;
-    errno = 0;
-    double v = strtod(text.c_str(), &end);
-    if (errno != 0 || end == text.c_str() || *end != '\0' || v < 0) return false;
-    out = v;
-    return true;
-}
-
-// "LEFT@WHEN" with WHEN any trigger; the first '@' separates them.
-bool split_trigger(const std::string &value, std::string &left, Trigger &t) {
-    size_t at = value.find('@');
-    if (at == std::string::npos) return false;
-    left = trim(std::string_view(value).substr(0, at));
-    return parse_trigger(trim(std::string_view(value).substr(at + 1)), t);
-}
-
 bool parse_tool_fault(const std::string &value, ToolFault &f) {
     std::string action;
-    if (!split_trigger(value, action, f.at)) return false;
+    if (!split_at(value, action, f.at)) return false;
     if (action.rfind("slow:", 0) == 0) {
         f.action = "slow";
         return parse_seconds(action.substr(5), f.delay);
@@ -68,7 +50,7 @@ bool parse_tool_fault(const std::string &value, ToolFault &f) {
 // "NAME:FIRST-LAST[:STATE]" or "NAME:N[:STATE]".
 bool parse_thread_signal(const std::string &value, ThreadSignal &ts) {
     std::string left;
-    if (!split_trigger(value, left, ts.at)) return false;
+    if (!split_at(value, left, ts.at)) return false;
     size_t c1 = left.find(':');
     if (c1 == std::string::npos) return false;
     ts.name = left.substr(0, c1);
@@ -221,15 +203,8 @@ bool parse_log_trigger(const std::string &text, Trigger &t) {
 
 bool apply_fault_key(Profile &p, const std::string &key, const std::string &value, bool &ok, std::string &why) {
     if (key == "tool_fault") {
-        ok = true;
-        if (value.empty()) {
-            p.tool_faults.clear();
-            return true;
-        }
-        ToolFault f;
-        ok = parse_tool_fault(value, f);
-        if (ok) p.tool_faults.push_back(f);
-        else why = "expected remove, garbage, slow:SECONDS or restore, then @WHEN";
+        ok = list_key(p.tool_faults, value, why, "expected remove, garbage, slow:SECONDS or restore, then @WHEN",
+                      parse_tool_fault);
         return true;
     }
     if (key == "battery_remove_at") {
@@ -244,15 +219,9 @@ bool apply_fault_key(Profile &p, const std::string &key, const std::string &valu
         return true;
     }
     if (key == "thread_signal") {
-        ok = true;
-        if (value.empty()) {
-            p.thread_signals.clear();
-            return true;
-        }
-        ThreadSignal ts;
-        ok = parse_thread_signal(value, ts);
-        if (ok) p.thread_signals.push_back(ts);
-        else why = "expected NAME:FIRST-LAST[:any|futex|sleep|io]@WHEN (e.g. TERM:2-9:futex@log:g_group_size)";
+        ok = list_key(p.thread_signals, value, why,
+                      "expected NAME:FIRST-LAST[:any|futex|sleep|io]@WHEN (e.g. TERM:2-9:futex@log:g_group_size)",
+                      parse_thread_signal);
         return true;
     }
     return false;

@@ -59,14 +59,6 @@ std::vector<std::string> split_list(const std::string &s) {
     return parts;
 }
 
-// "LEFT@TRIGGER" -> LEFT, TRIGGER.
-bool split_at(const std::string &value, std::string &left, Trigger &t) {
-    size_t at = value.find('@');
-    if (at == std::string::npos) return false;
-    left = trim(std::string_view(value).substr(0, at));
-    return parse_trigger(trim(std::string_view(value).substr(at + 1)), t);
-}
-
 bool parse_battery(const std::string &value, Profile &p, std::string &why) {
     if (value == "none") {
         p.battery = false;
@@ -330,30 +322,15 @@ bool apply(Profile &p, const std::string &key, const std::string &value, std::st
         return trigger(p.corrupt_at);
     }
     if (key == "signal") {
-        if (value.empty()) {
-            p.signals.clear();
-            return true;
-        }
-        SignalEvent s;
-        if (!split_at(value, s.name, s.at) || (s.signo = signal_number(s.name)) == 0) {
-            why = "expected NAME@WHEN (e.g. TERM@30, USR1@/data/format_unclear/file_pattern+5)";
-            return false;
-        }
-        p.signals.push_back(s);
-        return true;
+        return list_key(p.signals, value, why, "expected NAME@WHEN (e.g. TERM@30, USR1@/data/format_unclear/file_pattern+5)",
+                        [](const std::string &v, SignalEvent &e) {
+                            return split_at(v, e.name, e.at) && (e.signo = signal_number(e.name)) != 0;
+                        });
     }
     if (key == "capture") {
-        if (value.empty()) {
-            p.captures.clear();
-            return true;
-        }
-        Capture c;
-        if (!split_at(value, c.path, c.at) || c.path.empty() || c.path[0] != '/') {
-            why = "expected /PHONE/PATH@WHEN";
-            return false;
-        }
-        p.captures.push_back(c);
-        return true;
+        return list_key(p.captures, value, why, "expected /PHONE/PATH@WHEN", [](const std::string &v, Capture &c) {
+            return split_at(v, c.path, c.at) && !c.path.empty() && c.path[0] == '/';
+        });
     }
     bool fault_ok = false;
     if (apply_fault_key(p, key, value, fault_ok, why)) return fault_ok;
@@ -362,6 +339,20 @@ bool apply(Profile &p, const std::string &key, const std::string &value, std::st
 }
 
 }  // namespace
+
+bool parse_seconds(const std::string &text, double &out) {
+    double v = 0;
+    if (!parse_number(text, v) || v < 0) return false;
+    out = v;
+    return true;
+}
+
+bool split_at(const std::string &value, std::string &left, Trigger &t) {
+    size_t at = value.find('@');
+    if (at == std::string::npos) return false;
+    left = trim(std::string_view(value).substr(0, at));
+    return parse_trigger(trim(std::string_view(value).substr(at + 1)), t);
+}
 
 bool parse_trigger(const std::string &text, Trigger &t) {
     Trigger r;
@@ -382,7 +373,7 @@ bool parse_trigger(const std::string &text, Trigger &t) {
         t = r;
         return true;
     }
-    if (!parse_number(text, r.seconds) || r.seconds < 0) return false;
+    if (!parse_seconds(text, r.seconds)) return false;
     t = r;
     return true;
 }

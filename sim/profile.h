@@ -155,6 +155,29 @@ bool load_profile(const std::string &path, const std::vector<std::string> &extra
 // Parses "30", "2.5", "/phone/path", "/phone/path+3".
 bool parse_trigger(const std::string &text, Trigger &t);
 
+// "LEFT@TRIGGER" -> LEFT, TRIGGER; the first '@' separates them.
+bool split_at(const std::string &value, std::string &left, Trigger &t);
+
+// A finite, non-negative number of seconds ("30", "2.5").
+bool parse_seconds(const std::string &text, double &out);
+
+// A key that lists events: an empty value clears the list, any other adds what `parse`
+// makes of it, or fails with `expected` as the reason.
+template <typename T, typename Parse>
+bool list_key(std::vector<T> &list, const std::string &value, std::string &why, const char *expected, Parse parse) {
+    if (value.empty()) {
+        list.clear();
+        return true;
+    }
+    T item;
+    if (!parse(value, item)) {
+        why = expected;
+        return false;
+    }
+    list.push_back(item);
+    return true;
+}
+
 // Signal number of "TERM", "SIGTERM", "USR1", "15", ...; 0 when unknown.
 int signal_number(const std::string &name);
 
