@@ -241,16 +241,17 @@ int run_command(const std::vector<std::string> &argv, std::string *output, doubl
     close(fds[1]);
     const double deadline = monotonic_seconds() + timeout;
     bool open_pipe = true;
+    struct pollfd p = {fds[0], POLLIN, 0};
+    auto read_some = [&] {
+        char buf[4096];
+        ssize_t n = read(fds[0], buf, sizeof buf);
+        if (n > 0 && output && output->size() < kMaxOutput) output->append(buf, static_cast<size_t>(n));
+        if (n == 0 || (n < 0 && errno != EINTR)) open_pipe = false;
+    };
     int status = 0;
     for (;;) {
         if (open_pipe) {
-            struct pollfd p = {fds[0], POLLIN, 0};
-            if (poll(&p, 1, 100) > 0) {
-                char buf[4096];
-                ssize_t n = read(fds[0], buf, sizeof buf);
-                if (n > 0 && output && output->size() < kMaxOutput) output->append(buf, static_cast<size_t>(n));
-                if (n == 0 || (n < 0 && errno != EINTR)) open_pipe = false;
-            }
+            if (poll(&p, 1, 100) > 0) read_some();
         } else if (timeout < 0) {
             // No time limit and nothing more to read: wait for its end.
             while (waitpid(pid, &status, 0) < 0)
@@ -259,8 +260,12 @@ int run_command(const std::vector<std::string> &argv, std::string *output, doubl
         } else {
             usleep(50 * 1000);
         }
-        pid_t w = waitpid(pid, &status, WNOHANG);
-        if (w == pid) break;
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            // What it wrote before it ended is still in the pipe (a process it left behind
+            // may hold the pipe open: only what is there now is taken).
+            while (open_pipe && poll(&p, 1, 0) > 0) read_some();
+            break;
+        }
         if (timeout >= 0 && monotonic_seconds() > deadline) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);

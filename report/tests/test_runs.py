@@ -244,6 +244,17 @@ class SimulatorSummary(unittest.TestCase):
         self.assertFalse(os.path.exists(os.path.join(out, 'report.html')))
         self.assertEqual(read(os.path.join(out, 'factory', 'flash_aging_result.txt')).split('\0')[0], 'SKIP')
 
+    def test_failing_report_is_named_by_its_last_line_however_long_its_output(self):
+        # A tool that says much and ends at once: its last line is still the one named.
+        tool = os.path.join(OUT, 'talkative-report')
+        os.makedirs(OUT, exist_ok=True)
+        write(tool, '#!/bin/sh\nhead -c 300000 /dev/zero | tr "\\0" "x"\necho\necho "cannot read the log"\nexit 1\n')
+        os.chmod(tool, 0o755)
+        out = os.path.join(OUT, 'sim-worn-talkative')
+        r = self.sim(out, tool)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(r.stdout.splitlines()[-1], '  report   (not written: cannot read the log)')
+
 
 def make_phone(src, dest, serial, speed=1.0, extra_growth=0, waf=None):
     """A copy of a run folder as another phone: its serial, and its figures changed."""
