@@ -47,6 +47,27 @@ bool parse_tool_fault(const std::string &value, ToolFault &f) {
     return action == "remove" || action == "garbage" || action == "restore";
 }
 
+bool valid_state(const std::string &state) {
+    return state == "any" || state == "futex" || state == "sleep" || state == "io";
+}
+
+// "FIRST-LAST" or "N".
+bool parse_range(const std::string &range, int &first, int &last) {
+    size_t dash = range.find('-');
+    char *end = nullptr;
+    first = static_cast<int>(strtol(range.c_str(), &end, 10));
+    if (end == range.c_str()) return false;
+    if (dash == std::string::npos) {
+        if (*end != '\0') return false;
+        last = first;
+    } else {
+        const char *rest = range.c_str() + dash + 1;
+        last = static_cast<int>(strtol(rest, &end, 10));
+        if (end == rest || *end != '\0') return false;
+    }
+    return first >= 0 && last >= first;
+}
+
 // "NAME:FIRST-LAST[:STATE]" or "NAME:N[:STATE]".
 bool parse_thread_signal(const std::string &value, ThreadSignal &ts) {
     std::string left;
@@ -61,21 +82,9 @@ bool parse_thread_signal(const std::string &value, ThreadSignal &ts) {
     if (c2 != std::string::npos) {
         ts.state = range.substr(c2 + 1);
         range = range.substr(0, c2);
-        if (ts.state != "any" && ts.state != "futex" && ts.state != "sleep" && ts.state != "io") return false;
+        if (!valid_state(ts.state)) return false;
     }
-    size_t dash = range.find('-');
-    char *end = nullptr;
-    ts.first = static_cast<int>(strtol(range.c_str(), &end, 10));
-    if (end == range.c_str()) return false;
-    if (dash == std::string::npos) {
-        if (*end != '\0') return false;
-        ts.last = ts.first;
-    } else {
-        const char *rest = range.c_str() + dash + 1;
-        ts.last = static_cast<int>(strtol(rest, &end, 10));
-        if (end == rest || *end != '\0') return false;
-    }
-    return ts.first >= 0 && ts.last >= ts.first;
+    return parse_range(range, ts.first, ts.last);
 }
 
 // ---- the program's threads, seen from the host -------------------------------------------
@@ -140,26 +149,61 @@ bool state_matches(const std::string &state, long syscall_no) {
     return false;
 }
 
+// Signals a process cannot block: a thread whose mask holds every other one is not the
+// program's (the CPU emulator's own threads block all signals; the program never does).
+bool blocks_every_signal(pid_t pid, pid_t tid) {
+    std::string status;
+    if (!read_file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/status", status)) return false;
+    size_t at = status.find("SigBlk:");
+    if (at == std::string::npos) return false;
+    unsigned long long mask = strtoull(status.c_str() + at + 7, nullptr, 16);
+    const unsigned long long unblockable = (1ULL << (SIGKILL - 1)) | (1ULL << (SIGSTOP - 1));
+    const unsigned long long standard = (1ULL << 31) - 1;  // signals 1-31
+    return ((mask | unblockable) & standard) == standard;
+}
+
+// The program's threads in the order of creation (tid order), its main thread first.
+std::vector<pid_t> program_threads(pid_t pid) {
+    std::vector<pid_t> tids = numbered_entries("/proc/" + std::to_string(pid) + "/task");
+    std::sort(tids.begin(), tids.end());
+    std::vector<pid_t> out;
+    for (pid_t tid : tids)
+        if (tid == pid || !blocks_every_signal(pid, tid)) out.push_back(tid);
+    return out;
+}
+
+struct FoundThread {
+    pid_t pid = -1, tid = -1;
+    int place = -1;
+    size_t count = 0;
+    long syscall_no = -1;
+};
+
+// The first thread of the program at a place in [first, last] whose system call matches.
+bool find_thread(int first, int last, const std::string &state, FoundThread &found) {
+    pid_t pid = program_pid();
+    if (pid <= 0) return false;
+    std::vector<pid_t> tids = program_threads(pid);
+    for (int i = first; i <= last && i < static_cast<int>(tids.size()); ++i) {
+        std::string sc;
+        if (!read_file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tids[i]) + "/syscall", sc)) continue;
+        long no = sc.rfind("running", 0) == 0 ? -1 : strtol(sc.c_str(), nullptr, 10);
+        if (!state_matches(state, no)) continue;
+        found = {pid, tids[i], i, tids.size(), no};
+        return true;
+    }
+    return false;
+}
+
 // Sends the signal to the first matching thread, looking again every 5 ms for up to 20 s.
 void signal_thread(const ThreadSignal &ts) {
     const double until = monotonic_seconds() + 20;
     do {
-        pid_t pid = program_pid();
-        if (pid > 0) {
-            std::vector<pid_t> tids = numbered_entries("/proc/" + std::to_string(pid) + "/task");
-            std::sort(tids.begin(), tids.end());
-            for (int i = ts.first; i <= ts.last && i < static_cast<int>(tids.size()); ++i) {
-                std::string sc;
-                std::string base = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tids[i]);
-                if (!read_file(base + "/syscall", sc)) continue;
-                long no = sc.rfind("running", 0) == 0 ? -1 : strtol(sc.c_str(), nullptr, 10);
-                if (!state_matches(ts.state, no)) continue;
-                if (syscall(SYS_tgkill, pid, tids[i], ts.signo) == 0) {
-                    logf("thread signal: %s to thread %d of %zu (tid %d, system call %ld)", ts.name.c_str(), i,
-                         tids.size(), static_cast<int>(tids[i]), no);
-                    return;
-                }
-            }
+        FoundThread t;
+        if (find_thread(ts.first, ts.last, ts.state, t) && syscall(SYS_tgkill, t.pid, t.tid, ts.signo) == 0) {
+            logf("thread signal: %s to thread %d of %zu (tid %d, system call %ld)", ts.name.c_str(), t.place,
+                 t.count, static_cast<int>(t.tid), t.syscall_no);
+            return;
         }
         usleep(5000);
     } while (monotonic_seconds() < until);
@@ -197,6 +241,23 @@ bool parse_log_trigger(const std::string &text, Trigger &t) {
         if (head.rfind("log+", 0) != 0 || !parse_seconds(head.substr(4), r.seconds)) return false;
     }
     r.log = text.substr(colon + 1);
+    t = r;
+    return true;
+}
+
+bool parse_thread_trigger(const std::string &text, Trigger &t) {
+    // "thread:FIRST-LAST:STATE" or "thread+SECONDS:FIRST-LAST:STATE".
+    Trigger r;
+    r.text = text;
+    size_t c1 = text.find(':');
+    if (c1 == std::string::npos) return false;
+    std::string head = text.substr(0, c1);
+    if (head != "thread" && (head.rfind("thread+", 0) != 0 || !parse_seconds(head.substr(7), r.seconds))) return false;
+    std::string rest = text.substr(c1 + 1);
+    size_t c2 = rest.find(':');
+    if (c2 == std::string::npos) return false;
+    r.thread_state = rest.substr(c2 + 1);
+    if (!valid_state(r.thread_state) || !parse_range(rest.substr(0, c2), r.thread_first, r.thread_last)) return false;
     t = r;
     return true;
 }
@@ -281,6 +342,10 @@ bool LogWatch::seen(const std::string &text) { return lines_.find(text) != std::
 
 bool trigger_condition(const PhoneSpec &s, const Trigger &t, LogWatch &log) {
     if (!t.log.empty()) return log.seen(t.log);
+    if (!t.thread_state.empty()) {
+        FoundThread found;
+        return find_thread(t.thread_first, t.thread_last, t.thread_state, found);
+    }
     return exists(in_phone(s, t.path));
 }
 

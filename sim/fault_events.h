@@ -21,6 +21,10 @@ bool apply_fault_key(Profile &p, const std::string &key, const std::string &valu
 // "log:TEXT" or "log+SECONDS:TEXT": fires when a line of the log holds TEXT (that long after).
 bool parse_log_trigger(const std::string &text, Trigger &t);
 
+// "thread:FIRST-LAST:STATE" or "thread+SECONDS:FIRST-LAST:STATE": fires when a thread of the
+// program at such a place (see `thread_signal`) is in that state (that long after).
+bool parse_thread_trigger(const std::string &text, Trigger &t);
+
 struct FaultEvent {
     Trigger at;
     std::string what;

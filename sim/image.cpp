@@ -33,6 +33,12 @@ uint64_t host_bytes_needed(const Profile &p, Mode mode, const std::vector<std::s
     if (mode == Mode::kExec) return kGiB;
     double free_bytes = p.data_free_mib >= 0 ? static_cast<double>(p.data_free_mib) * kMiB
                                              : static_cast<double>(image) * (1.0 - 1.0 / 64 - 0.002) - 0.5 * kGiB;
+    // Without the storage filler (an "-n" of another test) the run writes next to nothing.
+    for (const auto &e : elements) {
+        if (e.rfind("-n ", 0) != 0) continue;
+        long n = strtol(e.c_str() + 3, nullptr, 10);
+        if (n != 6 && n != -1) return 256 * kMiB;
+    }
     double reserve_mib = 1000;
     if (p.aging_version.rfind("2.0", 0) == 0) {
         for (const auto &e : elements) {

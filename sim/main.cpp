@@ -282,7 +282,7 @@ int simulate(Options &o) {
         if (g_interrupted) break;
 
         std::string majmin;
-        if ((profile.write_mib_s > 0 || profile.read_mib_s > 0) &&
+        if ((profile.write_mib_s > 0 || profile.read_mib_s > 0 || !profile.paces.empty()) &&
             read_file("/sys/block/loop" + std::to_string(loop_index) + "/dev", majmin)) {
             std::string why;
             auto bps = [](double mib) { return static_cast<uint64_t>(mib * static_cast<double>(kMiB)); };
@@ -309,6 +309,7 @@ int simulate(Options &o) {
         phone_spec.timeout = (run || profile.timeout_set) ? profile.timeout : -1;
         phone_spec.parent = getpid();
         phone_spec.cgroup_procs = throttle.procs;
+        phone_spec.throttle = throttle;
         if (!make_dirs(phone_spec.root, 0755)) {
             errorf("cannot make %s: %s", phone_spec.root.c_str(), strerror(errno));
             break;

@@ -27,6 +27,7 @@
 #include <set>
 
 #include "sim/fault_events.h"
+#include "sim/pace.h"
 #include "sim/foreign_exe.h"
 #include "sim/health_model.h"
 #include "sim/util.h"
@@ -46,9 +47,14 @@ struct Event {
     Trigger at;
     std::string what;
     std::function<void()> fire;
-    double path_seen = -1;
+    size_t stage = 0;          // which stage of the trigger is looked for (0: `at` itself)
+    double stage_start = 0;    // when the stage before it fired (seconds into the run)
+    double seen = -1;          // when the stage's condition was first met
     bool done = false;
 };
+
+// The trigger of stage `i` of an event: `at` itself, then its later stages.
+const Trigger &stage_of(const Trigger &at, size_t i) { return i == 0 ? at : at.then[i - 1]; }
 
 std::string capture_label(const Trigger &t) {
     std::string label = t.text;
@@ -288,9 +294,8 @@ int phone_main(const PhoneSpec &s) {
     std::vector<Event> events;
     for (size_t i = 1; i < p.battery_temp.size(); ++i) {
         long v = p.battery_temp[i].value;
-        Trigger t;
-        t.seconds = p.battery_temp[i].at;
-        t.text = std::to_string(t.seconds);
+        Trigger t = p.battery_temp[i].when;
+        if (t.text.empty()) t.text = "0";
         events.push_back({t, "battery temperature " + std::to_string(v), [&s, v] { write_temperature(s, v); }});
     }
     Counters jumps{};
@@ -341,6 +346,7 @@ int phone_main(const PhoneSpec &s) {
                           }});
     }
     for (auto &f : campaign_fault_events(s)) events.push_back({f.at, f.what, f.fire});
+    for (auto &f : pace_events(s)) events.push_back({f.at, f.what, f.fire});
 
     int cgroup_fd = -1;
     if (!s.cgroup_procs.empty()) {
@@ -409,15 +415,21 @@ int phone_main(const PhoneSpec &s) {
         for (auto &e : events) {
             if (e.done) continue;
             bool due = false;
-            if (e.at.path.empty() && e.at.log.empty()) {
-                due = elapsed >= e.at.seconds;
+            const Trigger &t = stage_of(e.at, e.stage);
+            if (t.path.empty() && t.log.empty() && t.thread_state.empty()) {
+                due = elapsed >= e.stage_start + t.seconds;
             } else {
-                if (e.path_seen < 0 && trigger_condition(s, e.at, logwatch)) {
-                    e.path_seen = elapsed;
-                    logf("event: %s appeared at +%.2f s", e.at.log.empty() ? e.at.path.c_str() : e.at.log.c_str(),
-                         elapsed);
+                if (e.seen < 0 && trigger_condition(s, t, logwatch)) {
+                    e.seen = elapsed;
+                    logf("event: %s appeared at +%.2f s", t.text.c_str(), elapsed);
                 }
-                due = e.path_seen >= 0 && elapsed >= e.path_seen + e.at.seconds;
+                due = e.seen >= 0 && elapsed >= e.seen + t.seconds;
+            }
+            if (due && e.stage < e.at.then.size()) {  // on to the next stage
+                ++e.stage;
+                e.stage_start = elapsed;
+                e.seen = -1;
+                continue;
             }
             if (!due) continue;
             e.done = true;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "sim/profile.h"
+#include "sim/throttle.h"
 
 namespace sim {
 
@@ -28,6 +29,7 @@ struct PhoneSpec {
     double timeout = -1;    // seconds; < 0 = none
     pid_t parent = 0;       // the simulator's main process
     std::string cgroup_procs;  // the I/O throttle's cgroup.procs; empty = none
+    Throttle throttle;         // the I/O throttle itself (its pace can change during the run)
     int report_fd = -1;     // lines for the main process: "error MSG", "ready ...", "end ..."
 };
 

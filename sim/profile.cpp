@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "sim/fault_events.h"
+#include "sim/pace.h"
 #include "sim/util.h"
 
 namespace sim {
@@ -70,14 +71,16 @@ bool parse_battery(const std::string &value, Profile &p, std::string &why) {
         TempStep step;
         size_t at = part.find('@');
         int64_t v = 0;
-        double t = 0;
         if (!parse_integer(trim(std::string_view(part).substr(0, at)), v) ||
-            (at != std::string::npos && (!parse_number(trim(std::string_view(part).substr(at + 1)), t) || t < 0))) {
-            why = "expected VALUE@SECONDS, ... (e.g. 520@0, 480@40), got '" + part + "'";
+            (at != std::string::npos && !parse_trigger(trim(std::string_view(part).substr(at + 1)), step.when))) {
+            why = "expected VALUE@WHEN, ... (e.g. 520@0, 480@40 or 480@log:TEXT), got '" + part + "'";
             return false;
         }
         step.value = static_cast<long>(v);
-        step.at = t;
+        // A plain time orders the schedule; a step on an event counts as coming after them.
+        const Trigger &w = step.when;
+        const bool timed = w.path.empty() && w.log.empty() && w.thread_state.empty() && w.then.empty();
+        step.at = timed ? w.seconds : 1e300;
         steps.push_back(step);
     }
     if (steps.empty()) {
@@ -334,6 +337,7 @@ bool apply(Profile &p, const std::string &key, const std::string &value, std::st
     }
     bool fault_ok = false;
     if (apply_fault_key(p, key, value, fault_ok, why)) return fault_ok;
+    if (apply_pace_key(p, key, value, fault_ok, why)) return fault_ok;
     why = "unknown key";
     return false;
 }
@@ -355,10 +359,28 @@ bool split_at(const std::string &value, std::string &left, Trigger &t) {
 }
 
 bool parse_trigger(const std::string &text, Trigger &t) {
+    // "A then B then C": each stage is looked for once the one before it has fired.
+    const std::string sep = " then ";
+    size_t then = text.find(sep);
+    if (then != std::string::npos) {
+        Trigger first, next;
+        if (!parse_trigger(trim(std::string_view(text).substr(0, then)), first) ||
+            !parse_trigger(trim(std::string_view(text).substr(then + sep.size())), next))
+            return false;
+        // One flat list of later stages: B, then B's own later stages.
+        std::vector<Trigger> later = next.then;
+        next.then.clear();
+        first.then.push_back(next);
+        first.then.insert(first.then.end(), later.begin(), later.end());
+        first.text = text;
+        t = first;
+        return true;
+    }
     Trigger r;
     r.text = text;
     if (text.empty()) return false;
     if (text.rfind("log", 0) == 0) return parse_log_trigger(text, t);
+    if (text.rfind("thread", 0) == 0) return parse_thread_trigger(text, t);
     if (text[0] == '/') {
         size_t plus = text.find_last_of('+');
         double secs = 0;

@@ -16,7 +16,13 @@ struct Trigger {
     double seconds = 0;
     std::string path;
     std::string log;   // when set: `seconds` after a line of the program's log holds this text
+    // When `thread_state` is set: `seconds` after a thread of the program whose place in the
+    // order of creation lies in [thread_first, thread_last] is in that system call state.
+    std::string thread_state;
+    int thread_first = 0, thread_last = 0;
     std::string text;  // as written in the profile
+    // "A then B": B is looked for only once A has fired, and B's seconds count from there.
+    std::vector<Trigger> then;
 };
 
 // The health tool's five counters, in the order the program reads them.
@@ -57,10 +63,16 @@ struct ThreadSignal {
     std::string state = "any";  // any, futex, sleep, io
     Trigger at;
 };
+// The flash's pace from a moment on (MiB/s, 0 = the host's speed).
+struct PaceStep {
+    double read_mib_s = 0, write_mib_s = 0;
+    Trigger at;
+};
 
 struct TempStep {
     long value = 0;
-    double at = 0;
+    double at = 0;   // seconds into the run, when `when` is a plain time
+    Trigger when;    // when the step begins
 };
 
 struct Profile {
@@ -78,6 +90,7 @@ struct Profile {
     int64_t data_free_mib = -1;  // exact free space (statfs f_bfree) at start; -1 = as mkfs leaves it
     double write_mib_s = 200;    // the flash's pace (MiB/s, 0 = the host's speed)
     double read_mib_s = 400;
+    std::vector<PaceStep> paces;  // later changes of the pace
     bool ballast = false;
     Trigger ballast_at;
     int64_t ballast_leave_mib = 0;
@@ -105,7 +118,7 @@ struct Profile {
     bool zarvo = true;
     std::map<std::string, std::string> zarvo_text;
     bool battery = true;
-    std::vector<TempStep> battery_temp = {{350, 0}};
+    std::vector<TempStep> battery_temp = {{350, 0, {}}};
     std::vector<std::pair<std::string, std::string>> props;  // build.prop, in first-seen order
 
     // Health tool and device model.

@@ -88,6 +88,7 @@ bool throttle_create(const std::string &name, const std::string &majmin, uint64_
         }
         t.dir = dir;
         t.procs = dir + "/cgroup.procs";
+        t.majmin = majmin;
         return true;
     }
     for (const auto &m : mounts) {
@@ -116,10 +117,32 @@ bool throttle_create(const std::string &name, const std::string &majmin, uint64_
         }
         t.dir = dir;
         t.procs = dir + "/cgroup.procs";
+        t.majmin = majmin;
+        t.v2 = true;
         return true;
     }
     if (why.empty()) why = "no blkio or io cgroup controller on this host";
     return false;
+}
+
+bool throttle_set(const Throttle &t, uint64_t read_bps, uint64_t write_bps, std::string &why) {
+    if (t.dir.empty()) {
+        why = "the phone has no I/O cgroup";
+        return false;
+    }
+    bool ok = true;
+    if (t.v2) {
+        std::string limit = t.majmin;
+        limit += " rbps=" + (read_bps ? std::to_string(read_bps) : std::string("max"));
+        limit += " wbps=" + (write_bps ? std::to_string(write_bps) : std::string("max"));
+        ok = write_text(t.dir + "/io.max", limit);
+    } else {
+        // blkio takes 0 as "no limit".
+        ok = write_text(t.dir + "/blkio.throttle.read_bps_device", t.majmin + " " + std::to_string(read_bps)) && ok;
+        ok = write_text(t.dir + "/blkio.throttle.write_bps_device", t.majmin + " " + std::to_string(write_bps)) && ok;
+    }
+    if (!ok) why = "cannot change the limits in " + t.dir + ": " + strerror(errno);
+    return ok;
 }
 
 void throttle_remove(Throttle &t) {

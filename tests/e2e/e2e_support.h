@@ -58,6 +58,11 @@ int exec(const std::string &profile, const std::vector<std::string> &overrides,
 int exec(const std::string &profile, const std::vector<std::string> &overrides,
          const std::vector<std::string> &command, std::string *output, std::string *out_dir);
 
+// Sets FLASHAGING_SIM_TMPDIR (unless set) to /dev/shm when it has room for several phones:
+// the phones' data images then live in memory. run(), exec() and run_sim() do it for the
+// simulators they start; a scenario that starts one itself calls it first.
+void choose_image_folder();
+
 // Runs flashaging-sim with the given arguments; returns its exit status (128 + signal when
 // killed) and fills `output` with what it printed.
 int run_sim(const std::vector<std::string> &args, std::string *output = nullptr);

@@ -122,7 +122,7 @@ class Campaign : public ::testing::TestWithParam<Case> {};
 
 TEST_P(Campaign, KeepsItsPromises) {
     const Case &c = GetParam();
-    auto r = e2e::run("default", c.overrides);
+    auto r = e2e::run("short", c.overrides);
     expect_promises(r, c);
     // The outcome, for the campaign's table.
     std::string sig_at = "-";
@@ -155,16 +155,29 @@ TEST_P(Campaign, KeepsItsPromises) {
 
 std::string case_name(const ::testing::TestParamInfo<Case> &info) { return info.param.name; }
 
-// A short run of the storage filler: ~2 GiB fills, the watchdog at `budget` seconds.
+// A short run of the storage filler: one fill of about 600 MiB, one cycle, the watchdog at
+// `budget` seconds. The benchmark runs at 1000 MiB/s, so that its shortest mode still lasts
+// a good part of a second and the events below find its workers at work.
 std::vector<std::string> short_run(int budget, std::vector<std::string> more = {}) {
     std::vector<std::string> o = {"arg =", "arg = -n 6", "arg = -s " + std::to_string(budget),
-                                  "arg = -reserved_space 63500", "arg = -full_filling_times 1",
+                                  "arg = -reserved_space 65100", "arg = -full_filling_times 1",
+                                  "pace =", "pace = 1000:1000@/data/format_unclear/file_benchmark",
                                   "timeout = " + std::to_string(budget + 60)};
     o.insert(o.end(), more.begin(), more.end());
     return o;
 }
 
-// The phases a signal is sent in, each as a trigger (and what the phase needs).
+// The events that start each phase. A benchmark mode starts after the speed line of the mode
+// before it (the first after the preparation file appears) and is under way once one of its
+// eight workers (threads 2-9) is in a read or write.
+const std::string kFirstPass = "log:g_group_size is";
+const std::string kWorkers = " then thread:2-9:io";
+const std::string kBench = "/data/format_unclear/file_benchmark";
+
+// The phases a signal is sent in, each as a trigger (and what the phase needs). The budget
+// is the watchdog's: after a signal ends the main thread, the run ends when it runs out, so
+// it is the case's wall time; it is several times what the phase takes to come on an idle
+// machine, so that a loaded one still reaches it.
 struct Phase {
     const char *name;
     std::vector<std::string> setup;  // profile lines besides the signal
@@ -175,20 +188,19 @@ struct Phase {
 
 const std::vector<Phase> &phases() {
     static const std::vector<Phase> p = {
-        // The wear gate's health reading, made slow, holds set-up for 3 s.
-        {"Setup", {"tool_fault = slow:3@0"}, "1", 20},
-        {"FirstPass", {}, "log+1:g_group_size is", 15},
-        // The benchmark's modes, each after a preparation of 2-3 s (512 MiB at the phone's
-        // pace): seq write ~2 s, seq read ~1 s, rand write 3-14 s, rand read 2-11 s (the random
-        // modes are the ones the machine's load stretches). A signal a mode's speed line
-        // triggers lands early in the next mode, so that it also lands in a short one.
-        {"BenchPrep", {}, "/data/format_unclear/file_benchmark", 25},
-        {"BenchSeqWrite", {}, "/data/format_unclear/file_benchmark+3", 25},
-        {"BenchSeqRead", {}, "log+2.6:seq write: ====", 25},
-        {"BenchRandWrite", {}, "log+3.2:seq read: ====", 40},
-        {"BenchRandRead", {}, "log+3.5:rand write: ====", 50},
-        // The cycle's judgement after the last mode, with a slow health tool from then on.
-        {"HealthJudge", {"tool_fault = slow:3@log:rand write: ===="}, "log+1.5:rand read: ====", 40},
+        // The wear gate's health reading, made slow, holds set-up for 3 s: the main thread
+        // reads the tool's output.
+        {"Setup", {"tool_fault = slow:3@0"}, "log:config left space to then thread:0-0:io", 20},
+        {"FirstPass", {}, kFirstPass + kWorkers, 20},
+        // The main thread writes the 512 MiB preparation file.
+        {"BenchPrep", {}, kBench, 40},
+        {"BenchSeqWrite", {}, kBench + kWorkers, 40},
+        {"BenchSeqRead", {}, "log:seq write: ====" + kWorkers, 40},
+        {"BenchRandWrite", {}, "log:seq read: ====" + kWorkers, 45},
+        {"BenchRandRead", {}, "log:rand write: ====" + kWorkers, 50},
+        // The cycle's judgement after the last mode, with a slow health tool from then on:
+        // the main thread reads the tool's output.
+        {"HealthJudge", {"tool_fault = slow:3@log:rand write: ===="}, "log:rand read: ==== then thread:0-0:io", 50},
         // After the filler, the runner's judgement and the summary follow within moments.
         {"Summary", {}, "log:Run flashtest success", 60, true},
     };
@@ -221,36 +233,46 @@ std::vector<Case> signal_cases(bool ci) {
 
 // Faults other than a signal to the whole process.
 std::vector<Case> fault_cases(bool ci) {
-    const std::string pass = "log:g_group_size is";
+    const std::string pass = kFirstPass;
+    // All four readers (threads 10-13) have chosen their files and read them.
+    const std::string readers_reading =
+        " then thread:10-10:io then thread:11-11:io then thread:12-12:io then thread:13-13:io";
     std::vector<Case> all = {
         // CI's share.
-        {"ToolGarbageMidRun", short_run(20, {"tool_fault = garbage@" + pass})},
+        {"ToolGarbageMidRun", short_run(30, {"tool_fault = garbage@" + pass})},
         {"FullDuringFirstPass",
-         short_run(30, {"data_free_mib = 65600", "arg = -reserved_space 1", "ballast_at = log+2:g_group_size is",
+         short_run(30, {"data_free_mib = 65600", "arg = -reserved_space 1", "ballast_at = " + pass + readers_reading,
                         "pe_per_gib = 8", "host_room_gib = 4"})},
-        {"BarrierWaitThread_TERM", short_run(15, {"thread_signal = TERM:2-9:futex@log+2:g_group_size is"}), Sig::kTerm},
+        // A writer blocked in a futex: its barrier wait at the end of a pass, or the lock of
+        // the shared pattern buffers.
+        {"BarrierWaitThread_TERM", short_run(20, {"thread_signal = TERM:2-9:futex@" + pass}), Sig::kTerm},
         // The rest.
         {"ToolRemovedMidRun", short_run(30, {"tool_fault = remove@" + pass})},
         {"ToolGoneFromStart", short_run(30, {"tool_fault = remove@0"})},
         {"ToolGarbageThenBack", short_run(30, {"tool_fault = garbage@" + pass, "tool_fault = restore@log:seq write: ===="})},
         {"BatteryNodeRemoved", short_run(30, {"battery_remove_at = " + pass})},
-        {"BatteryRemovedWhileHot", short_run(40, {"battery_temp = 520", "battery_remove_at = 12"})},
-        {"FullAtBenchPrep", short_run(30, {"ballast_at = /data/format_unclear/file_benchmark", "host_room_gib = 4"})},
+        // The node goes while the filler sleeps on the hot battery (the main thread in its 10 s sleep).
+        {"BatteryRemovedWhileHot",
+         short_run(40, {"battery_temp = 520", "battery_remove_at = " + pass + " then thread:0-0:sleep"})},
+        {"FullAtBenchPrep", short_run(30, {"ballast_at = " + kBench, "host_room_gib = 4"})},
         {"FullDuringBenchMode", short_run(30, {"ballast_at = log:seq write: ====", "host_room_gib = 4"})},
         {"FullAtNextCycle",
          short_run(60, {"arg = -full_filling_times 5", "ballast_at = log:fill_cycle 0/", "host_room_gib = 4"})},
-        {"ReaderChoiceThread_SEGV", short_run(15, {"thread_signal = SEGV:10-13:sleep@" + pass}), Sig::kSegv},
-        {"WriterThread_INT", short_run(15, {"thread_signal = INT:2-9:io@log+1:g_group_size is"}), Sig::kInt},
-        {"TwoTerms", short_run(15, {"signal = TERM@log+1:g_group_size is", "signal = TERM@log+3:g_group_size is"}),
+        {"ReaderChoiceThread_SEGV", short_run(20, {"thread_signal = SEGV:10-13:sleep@" + pass}), Sig::kSegv},
+        {"WriterThread_INT", short_run(20, {"thread_signal = INT:2-9:io@" + pass}), Sig::kInt},
+        // The second SIGTERM comes once the first was caught: the main thread has it blocked
+        // in its handler or has ended, so a worker thread catches it.
+        {"TwoTerms", short_run(20, {"signal = TERM@" + pass + kWorkers, "signal = TERM@log:SIG 15 catched"}),
          Sig::kTerm},
+        // The enter-H8 writer (thread 2) in one of its 3 s sleeps.
         {"EnterH8Thread_USR1",
-         {"arg =", "arg = -n 5", "arg = -s 400", "timeout = 120", "thread_signal = USR1:2:sleep@log+4:enter_h8_test begin"},
+         {"arg =", "arg = -n 5", "arg = -s 400", "timeout = 120", "thread_signal = USR1:2:sleep@log:enter_h8_test begin"},
          Sig::kUsr1},
-        // Both tests: the signal after the enter-H8 test's 5 minutes, while the runner reads the
-        // (slow) health tool before the filler.
+        // Both tests: the signal after the enter-H8 test's 5 minutes (it has no shorter form),
+        // while the runner reads the (slow) health tool before the filler.
         {"BetweenTests_TERM",
-         {"arg =", "arg = -s 310", "arg = -reserved_space 63500", "timeout = 420",
-          "tool_fault = slow:3@log:enter_h8_test end", "signal = TERM@log+1:enter_h8_test end"},
+         {"arg =", "arg = -s 310", "arg = -reserved_space 65100", "arg = -full_filling_times 1", "timeout = 420",
+          "tool_fault = slow:3@log:enter_h8_test end", "signal = TERM@log:enter_h8_test end then thread:0-0:io"},
          Sig::kTerm},
     };
     std::vector<Case> out;

@@ -176,7 +176,8 @@ TEST(Filler, DefaultPhoneFillsCyclesAndEndsOnWear) {
 }
 
 TEST(Filler, CorruptedPatternFileFailsTheRunThroughAReader) {
-    auto r = e2e::run("default", {"corrupt_pattern_at = /data/format_unclear/file_pattern+3"});
+    // The hunt starts with the first fill and flips a byte of a file the readers are reading.
+    auto r = e2e::run("short", {"corrupt_pattern_at = log:g_group_size is"});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     std::string sim_log = r.file("sim.log");
     EXPECT_NE(sim_log.find("corrupt: flipped one byte of /data/format_unclear/file_pattern/"), std::string::npos)
@@ -199,10 +200,12 @@ TEST(Filler, CorruptedPatternFileFailsTheRunThroughAReader) {
 }
 
 TEST(Filler, HotBatteryHoldsTheCycleAndTheWatchdogEndIsAPass) {
-    // Hot for 105 s: eleven sleeps of 10 s, one line after the tenth. The watchdog's 30 s
-    // budget runs out meanwhile, so the writers end with the watchdog's code.
-    auto r = e2e::run("default", {"battery_temp = 520@0, 480@105"},
-                      std::vector<std::string>{"-n 6", "-s 30", "-reserved_space 63500", "-full_filling_times 5"});
+    // Hot until the line after the tenth 10 s sleep (100 s: the wait's own length): the
+    // battery cools as the line is logged, so the filler goes on after that sleep or the
+    // next. The watchdog's 30 s budget runs out meanwhile, so the writers end with the
+    // watchdog's code.
+    auto r = e2e::run("short", {"battery_temp = 520@0, 480@log:BATTERY_TEMP higher than 490"},
+                      std::vector<std::string>{"-n 6", "-s 30", "-reserved_space 65100", "-full_filling_times 1"});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     EXPECT_EQ(count(r.log, "BATTERY_TEMP"), 1) << r.log;
     size_t hot = r.log.find("BATTERY_TEMP higher than 490, sleep 100s\n\n");
@@ -227,11 +230,14 @@ TEST(Filler, HotBatteryHoldsTheCycleAndTheWatchdogEndIsAPass) {
 
 TEST(Filler, FullPartitionEndsEachFillCleanly) {
     // A small reserve, and the disk all but filled up under the writers in the middle of a
-    // pass: they run into ENOSPC, meet at the barrier, find no room and stop; the benchmark is
+    // pass, once all four readers (threads 10-13) have found their files and read them: the
+    // writers run into ENOSPC, meet at the barrier, find no room and stop; the benchmark is
     // skipped for lack of space. A fast-wearing device ends the test after that one cycle
     // (later cycles on the emptied disk would write too few files for the readers).
-    auto r = e2e::run("default",
-                      {"ballast_at = /data/format_unclear/file_pattern+3", "ballast_leave_mib = 20", "pe_per_gib = 8"},
+    auto r = e2e::run("short",
+                      {"ballast_at = log:g_group_size is then thread:10-10:io then thread:11-11:io then "
+                       "thread:12-12:io then thread:13-13:io",
+                       "ballast_leave_mib = 20", "pe_per_gib = 8", "host_room_gib = 4"},
                       std::vector<std::string>{"-n 6", "-s 3600", "-reserved_space 100", "-full_filling_times 1"});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     EXPECT_TRUE(std::regex_search(r.log, std::regex(R"((open /data/format_unclear/file_pattern/\S+ failed 28|write fail -1, errno is 28,))")))

@@ -50,8 +50,9 @@ TEST(Runner, NoTestSelectedGivesSectionsHeaderAndSuccess) {
 }
 
 TEST(Runner, WatchdogEndsTheFillerEarlyAndItIsAPass) {
-    // "-n 6" keeps the storage filler alone; an 8 s budget ends it during its first fill.
-    auto r = e2e::run("default", {"arg = -n 6", "arg = -s 8"});
+    // "-n 6" keeps the storage filler alone; an 8 s budget ends it during its first fill,
+    // which the short phone's slow fill makes last longer than that on any machine.
+    auto r = e2e::run("short", {"arg = -n 6", "arg = -s 8"});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     EXPECT_NE(r.log.find("test_num = 6, result = 5\n"), std::string::npos) << r.log;
     EXPECT_EQ(count(r.log, "enter_h8_test begin"), 0);
@@ -71,11 +72,11 @@ TEST(Runner, WatchdogEndsTheFillerEarlyAndItIsAPass) {
 }
 
 TEST(AbnormalEnd, SigtermDuringTheFillerKeepsStartAndDumpsTheBuffers) {
-    // The signal comes while the filler's benchmark runs, so no writer is creating pattern
+    // The signal comes as the filler's benchmark begins, so no writer is creating pattern
     // files while the handler removes their directory. The handler ends the main thread; the
-    // process ends when the watchdog's 60 s run out.
-    auto r = e2e::run("default", {"seed_result = SUCCESS", "arg = -n 6", "arg = -s 60",
-                                  "signal = TERM@/data/format_unclear/file_benchmark+1"});
+    // process ends when the watchdog's 45 s run out.
+    auto r = e2e::run("short", {"seed_result = SUCCESS", "arg = -n 6", "arg = -s 45",
+                                "signal = TERM@/data/format_unclear/file_benchmark"});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     EXPECT_NE(r.log.find("[FLASH]ERROR:flash_sigroutine:"), std::string::npos) << r.log;
     EXPECT_NE(r.log.find(" SIG 15 catched\n\n"), std::string::npos) << r.log;
@@ -108,7 +109,8 @@ TEST(AbnormalEnd, SigtermDuringTheFillerKeepsStartAndDumpsTheBuffers) {
 }
 
 TEST(AbnormalEnd, Sigusr1WritesTheTemporaryResultsWithSectionsOnly) {
-    auto r = e2e::run("default", {"arg = -n 6", "arg = -s 60", "signal = USR1@25"});
+    // The signal comes during the first fill, once a writer is at work.
+    auto r = e2e::run("short", {"arg = -n 6", "arg = -s 30", "signal = USR1@log:g_group_size is then thread:2-9:io"});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     EXPECT_NE(r.log.find(" SIG 10 catched\n\n"), std::string::npos) << r.log;
     ASSERT_TRUE(r.exists("factory/flash_aging_results.csv_temp"));

@@ -315,17 +315,18 @@ TEST(SimTeardown, NothingStaysAfterACrashOrAnInterruption) {
         int devnull = open("/dev/null", O_WRONLY);
         dup2(devnull, 1);
         dup2(devnull, 2);
+        e2e::choose_image_folder();
         execl(FLASHAGING_SIM_BIN, FLASHAGING_SIM_BIN, "run", "--profile", FLASHAGING_PROFILES "/default", "--out",
               run_dir.c_str(), "--exe", FLASHAGING_BIN, static_cast<char *>(nullptr));
         _exit(127);
     }
-    bool ready = false;
-    for (int i = 0; i < 600 && !ready; ++i) {
+    // Interrupted once the writers are at work: the first fill's line is in the log.
+    bool filling = false;
+    for (int i = 0; i < 1200 && !filling; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        ready = slurp(run_dir + "/sim.log").find("phone ready") != std::string::npos;
+        filling = slurp(run_dir + "/factory/flash_aging.log").find(" g_group_size is ") != std::string::npos;
     }
-    EXPECT_TRUE(ready);
-    std::this_thread::sleep_for(std::chrono::seconds(2));
+    EXPECT_TRUE(filling);
     kill(pid, SIGINT);
     int wstatus = 0;
     ASSERT_EQ(waitpid(pid, &wstatus, 0), pid);
