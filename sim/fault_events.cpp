@@ -127,14 +127,24 @@ std::vector<pid_t> children_of(pid_t parent) {
     return out;
 }
 
+// Whether a process is the program: its name, or, run through a CPU emulator (whose name
+// the process then has), the program's path as the emulator's first argument.
+bool is_program(pid_t pid) {
+    std::string comm, cmdline;
+    const std::string dir = "/proc/" + std::to_string(pid);
+    if (read_file(dir + "/comm", comm) && trim(comm) == "flashaging") return true;
+    if (!read_file(dir + "/cmdline", cmdline)) return false;
+    size_t first_end = cmdline.find('\0');
+    if (first_end == std::string::npos || base_of(cmdline.substr(0, first_end)).rfind("qemu-", 0) != 0) return false;
+    size_t second_end = cmdline.find('\0', first_end + 1);
+    return cmdline.substr(first_end + 1, second_end - first_end - 1) == kPhoneExe;
+}
+
 // The program: the child of the phone's first process, which is this process's child.
 pid_t program_pid() {
     for (pid_t init : children_of(getpid())) {
-        for (pid_t child : children_of(init)) {
-            std::string comm;
-            if (read_file("/proc/" + std::to_string(child) + "/comm", comm) && trim(comm) == "flashaging")
-                return child;
-        }
+        for (pid_t child : children_of(init))
+            if (is_program(child)) return child;
     }
     return -1;
 }
@@ -149,17 +159,18 @@ bool state_matches(const std::string &state, long syscall_no) {
     return false;
 }
 
-// Signals a process cannot block: a thread whose mask holds every other one is not the
-// program's (the CPU emulator's own threads block all signals; the program never does).
-bool blocks_every_signal(pid_t pid, pid_t tid) {
+// A thread that blocks the asynchronous signals that the program never blocks (SIGCHLD,
+// SIGWINCH, SIGURG, SIGPIPE, SIGUSR2, with SIGINT and SIGTERM) is not the program's: the CPU
+// emulator's own threads block every signal but the faults of their own code.
+bool emulator_thread(pid_t pid, pid_t tid) {
     std::string status;
     if (!read_file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/status", status)) return false;
     size_t at = status.find("SigBlk:");
     if (at == std::string::npos) return false;
     unsigned long long mask = strtoull(status.c_str() + at + 7, nullptr, 16);
-    const unsigned long long unblockable = (1ULL << (SIGKILL - 1)) | (1ULL << (SIGSTOP - 1));
-    const unsigned long long standard = (1ULL << 31) - 1;  // signals 1-31
-    return ((mask | unblockable) & standard) == standard;
+    unsigned long long wanted = 0;
+    for (int sig : {SIGCHLD, SIGWINCH, SIGURG, SIGPIPE, SIGUSR2, SIGINT, SIGTERM}) wanted |= 1ULL << (sig - 1);
+    return (mask & wanted) == wanted;
 }
 
 // The program's threads in the order of creation (tid order), its main thread first.
@@ -168,7 +179,7 @@ std::vector<pid_t> program_threads(pid_t pid) {
     std::sort(tids.begin(), tids.end());
     std::vector<pid_t> out;
     for (pid_t tid : tids)
-        if (tid == pid || !blocks_every_signal(pid, tid)) out.push_back(tid);
+        if (tid == pid || !emulator_thread(pid, tid)) out.push_back(tid);
     return out;
 }
 

@@ -13,6 +13,11 @@ inline constexpr char kHeader[] =
     "version,description,test_id,result_id,units,minimum,maximum,value,stdev,num_samples,test_ran,duration_sec,"
     "status\n";
 
+// A trigger (see sim/README.md) that fires once the storage filler's first fill has begun and
+// all four of its read-back threads (threads 10-13) have chosen their files and read them.
+inline constexpr char kAllReadersReading[] =
+    "log:g_group_size is then thread:10-10:io then thread:11-11:io then thread:12-12:io then thread:13-13:io";
+
 struct RunResult {
     int sim_exit = -1;         // exit status of `flashaging-sim run`
     std::string out_dir;       // the run directory the simulator filled

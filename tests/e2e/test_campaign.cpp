@@ -234,14 +234,11 @@ std::vector<Case> signal_cases(bool ci) {
 // Faults other than a signal to the whole process.
 std::vector<Case> fault_cases(bool ci) {
     const std::string pass = kFirstPass;
-    // All four readers (threads 10-13) have chosen their files and read them.
-    const std::string readers_reading =
-        " then thread:10-10:io then thread:11-11:io then thread:12-12:io then thread:13-13:io";
     std::vector<Case> all = {
         // CI's share.
         {"ToolGarbageMidRun", short_run(30, {"tool_fault = garbage@" + pass})},
         {"FullDuringFirstPass",
-         short_run(30, {"data_free_mib = 65600", "arg = -reserved_space 1", "ballast_at = " + pass + readers_reading,
+         short_run(30, {"data_free_mib = 65600", "arg = -reserved_space 1", std::string("ballast_at = ") + e2e::kAllReadersReading,
                         "pe_per_gib = 8", "host_room_gib = 4"})},
         // A writer blocked in a futex: its barrier wait at the end of a pass, or the lock of
         // the shared pattern buffers.

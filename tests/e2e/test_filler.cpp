@@ -176,8 +176,8 @@ TEST(Filler, DefaultPhoneFillsCyclesAndEndsOnWear) {
 }
 
 TEST(Filler, CorruptedPatternFileFailsTheRunThroughAReader) {
-    // The hunt starts with the first fill and flips a byte of a file the readers are reading.
-    auto r = e2e::run("short", {"corrupt_pattern_at = log:g_group_size is"});
+    // Once all four readers read their files, a byte of one of them is flipped.
+    auto r = e2e::run("short", {std::string("corrupt_pattern_at = ") + e2e::kAllReadersReading});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     std::string sim_log = r.file("sim.log");
     EXPECT_NE(sim_log.find("corrupt: flipped one byte of /data/format_unclear/file_pattern/"), std::string::npos)
@@ -235,9 +235,7 @@ TEST(Filler, FullPartitionEndsEachFillCleanly) {
     // skipped for lack of space. A fast-wearing device ends the test after that one cycle
     // (later cycles on the emptied disk would write too few files for the readers).
     auto r = e2e::run("short",
-                      {"ballast_at = log:g_group_size is then thread:10-10:io then thread:11-11:io then "
-                       "thread:12-12:io then thread:13-13:io",
-                       "ballast_leave_mib = 20", "pe_per_gib = 8", "host_room_gib = 4"},
+                      {std::string("ballast_at = ") + e2e::kAllReadersReading, "ballast_leave_mib = 20", "pe_per_gib = 8", "host_room_gib = 4"},
                       std::vector<std::string>{"-n 6", "-s 3600", "-reserved_space 100", "-full_filling_times 1"});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     EXPECT_TRUE(std::regex_search(r.log, std::regex(R"((open /data/format_unclear/file_pattern/\S+ failed 28|write fail -1, errno is 28,))")))
