@@ -421,7 +421,12 @@ int phone_main(const PhoneSpec &s) {
             } else {
                 if (e.seen < 0 && trigger_condition(s, t, logwatch)) {
                     e.seen = elapsed;
-                    logf("event: %s appeared at +%.2f s", t.text.c_str(), elapsed);
+                    if (e.at.then.empty())
+                        logf("event: %s appeared at +%.2f s", t.text.c_str(), elapsed);
+                    else  // a stage of a chain: the first stage's own text is the chain's start
+                        logf("event: stage %zu of %zu (%s) met at +%.2f s", e.stage + 1, e.at.then.size() + 1,
+                             e.stage == 0 ? e.at.text.substr(0, e.at.text.find(" then ")).c_str() : t.text.c_str(),
+                             elapsed);
                 }
                 due = e.seen >= 0 && elapsed >= e.seen + t.seconds;
             }

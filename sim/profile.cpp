@@ -370,6 +370,7 @@ bool parse_trigger(const std::string &text, Trigger &t) {
         // One flat list of later stages: B, then B's own later stages.
         std::vector<Trigger> later = next.then;
         next.then.clear();
+        next.text = next.text.substr(0, next.text.find(sep));
         first.then.push_back(next);
         first.then.insert(first.then.end(), later.begin(), later.end());
         first.text = text;

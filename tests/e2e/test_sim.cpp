@@ -414,3 +414,55 @@ TEST(SimCommand, EveryShippedProfileBuildsAPhone) {
 }
 
 }  // namespace
+
+namespace {
+
+// The lines of sim.log that hold `needle`, in order.
+std::vector<std::string> sim_lines(const e2e::RunResult &r, const std::string &needle) {
+    return e2e::lines_with(r.file("sim.log"), needle);
+}
+
+TEST(SimEvents, StagesComeInTurnThreadStatesTriggerAndThePaceChanges) {
+    // A jump after three stages: the first fill's line, a writer (thread 2-9) in a read or
+    // write, then the benchmark's first speed line; and the short phone's pace change as
+    // the benchmark folder appears.
+    auto r = e2e::run("short", {"jump = readReclaim+1@log:g_group_size is then thread:2-9:io then log:seq write: ===="});
+    ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
+    EXPECT_EQ(r.verdict_word(), "SUCCESS");
+    auto stages = sim_lines(r, "] event: stage ");
+    ASSERT_EQ(stages.size(), 3u) << r.file("sim.log");
+    EXPECT_NE(stages[0].find("event: stage 1 of 3 (log:g_group_size is) met at +"), std::string::npos) << stages[0];
+    EXPECT_NE(stages[1].find("event: stage 2 of 3 (thread:2-9:io) met at +"), std::string::npos) << stages[1];
+    EXPECT_NE(stages[2].find("event: stage 3 of 3 (log:seq write: ====) met at +"), std::string::npos) << stages[2];
+    auto jump = sim_lines(r, "): jump readReclaim+1");
+    ASSERT_EQ(jump.size(), 1u) << r.file("sim.log");
+    // Each stage is met no earlier than the one before it, and the jump comes last.
+    auto at = [](const std::string &line) { return std::stod(line.substr(line.rfind("+") + 1)); };
+    EXPECT_LE(at(stages[0]), at(stages[1]));
+    EXPECT_LE(at(stages[1]), at(stages[2]));
+    auto fired = jump[0].substr(jump[0].find("event at +") + 10);
+    EXPECT_LE(at(stages[2]), std::stod(fired));
+    // The benchmark's first speed line was logged before the jump's stage was met.
+    EXPECT_NE(r.log.find("seq write: ==== speed is "), std::string::npos);
+
+    auto pace = sim_lines(r, "(/data/format_unclear/file_benchmark): pace read 0 MiB/s, write 0 MiB/s");
+    EXPECT_EQ(pace.size(), 1u) << r.file("sim.log");
+    EXPECT_TRUE(sim_lines(r, "the pace stays").empty()) << r.file("sim.log");
+    EXPECT_EQ(sim_lines(r, "I/O pace of /data: read 60 MiB/s, write 60 MiB/s").size(), 1u);
+}
+
+TEST(SimEvents, BadTriggersAndPacesAreRefusedInOneLine) {
+    for (const char *line : {"pace = 10:20", "pace = 10@5", "signal = TERM@thread:2-9:busy",
+                             "signal = TERM@log:x then 5x", "battery_temp = 520@0, 480@thread:1"}) {
+        std::string profile = std::string(FLASHAGING_TEST_OUT) + "/bad-trigger.profile";
+        std::ofstream(profile) << "include = " << FLASHAGING_PROFILES << "/default\n" << line << "\n";
+        std::string out;
+        int status = e2e::run_sim({"run", "--profile", profile, "--out", std::string(FLASHAGING_TEST_OUT) + "/bad-trigger"},
+                                  &out);
+        EXPECT_EQ(status, 1) << line << "\n" << out;
+        EXPECT_EQ(e2e::count(out, "\n"), 1) << line << "\n" << out;
+        EXPECT_NE(out.find("line 2"), std::string::npos) << line << "\n" << out;
+    }
+}
+
+}  // namespace
