@@ -118,8 +118,11 @@ TEST_F(RunControl, OrderlyStopRequestWritesTheTemporaryResultsFileInsteadOfFaili
     if (access("/cache/factory", F_OK) == 0) GTEST_SKIP() << "/cache/factory exists: this is a phone";
     std::string out = abnormal_end_with_a_half_built_list(args_, SIGUSR1);
     EXPECT_THAT(stand_in::journal(), ElementsAre("dump_stack", "cleanEnvDone 2 1"));
-    const std::string after_summary = out.substr(out.find(" result callback is NULL!\n") + 26);
-    EXPECT_TRUE(matches(after_summary, line("INFO", "log_errno", "Can't create output file.\n"))) << out;
+    const std::string summary = " result callback is NULL!\n";
+    const size_t at = out.find(summary);
+    ASSERT_NE(at, std::string::npos) << out;
+    EXPECT_TRUE(matches(out.substr(at + summary.size()), line("INFO", "log_errno", "Can't create output file.\n")))
+        << out;
 }
 
 }  // namespace

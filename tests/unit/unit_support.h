@@ -89,8 +89,8 @@ inline std::string put(const std::string &path, const std::string &content) {
 
 // Where the tests keep scratch files: GoogleTest's TempDir(), which is /data/local/tmp/ on a
 // phone (there is no /var/tmp there, and /tmp only on recent images) and $TEST_TMPDIR or
-// /tmp/ on a host. The pattern engine's O_DIRECT opens need a disk there: older kernels
-// refuse O_DIRECT on a tmpfs, so a host whose /tmp is one sets TEST_TMPDIR to a disk folder.
+// /tmp/ on a host. It must be on a disk (older kernels refuse O_DIRECT on a tmpfs) and
+// short: the pattern engine cuts its file names at 63 characters.
 inline std::string scratch_base() {
     std::string base = ::testing::TempDir();
     if (base.empty() || base.back() != '/') base += '/';
