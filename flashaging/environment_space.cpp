@@ -43,7 +43,7 @@ uint64_t total_capacity_at(const char *dir) {
         return UINT64_MAX;
     }
     uint64_t cap = capacity_from_total(static_cast<uint64_t>(st.f_blocks) * static_cast<uint64_t>(st.f_bsize));
-    FLOG("get_total_capacity", "INFO", "flash capacity is %ld\n", static_cast<long>(cap));
+    FLOG("get_total_capacity", "INFO", "flash capacity is %lld\n", static_cast<long long>(cap));  // 64 bits on either ABI
     return cap;
 }
 

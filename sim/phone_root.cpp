@@ -26,6 +26,7 @@
 #include <set>
 
 #include "sim/health_model.h"
+#include "sim/phone_bringup.h"
 #include "sim/util.h"
 
 extern char **environ;
@@ -215,12 +216,13 @@ void build_root(const PhoneSpec &s) {
     if (p.health_tool != "no") {
         std::string tool;
         need(read_file(s.self_exe, tool), "cannot read " + s.self_exe);
-        node(s, kPhoneTool, tool, 0755);
+        node(s, kPhoneTool, tool, static_cast<mode_t>(p.health_tool_mode));
     }
     if (!s.exe.empty()) bind_path(s.exe, R + kPhoneExe, true);
     if (s.mode == Mode::kExec && !s.command.empty() && s.command[0][0] == '/' && !exists(R + s.command[0]) &&
         exists(s.command[0]))
         bind_path(s.command[0], R + s.command[0], true);
+    finish_bringup(s);
 
     // The daemon's side of the aging client.
     if (p.daemon) {

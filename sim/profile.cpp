@@ -9,6 +9,7 @@
 
 #include "sim/fault_events.h"
 #include "sim/pace.h"
+#include "sim/phone_bringup.h"
 #include "sim/util.h"
 
 namespace sim {
@@ -338,6 +339,7 @@ bool apply(Profile &p, const std::string &key, const std::string &value, std::st
     bool fault_ok = false;
     if (apply_fault_key(p, key, value, fault_ok, why)) return fault_ok;
     if (apply_pace_key(p, key, value, fault_ok, why)) return fault_ok;
+    if (apply_bringup_key(p, key, value, fault_ok, why)) return fault_ok;
     why = "unknown key";
     return false;
 }

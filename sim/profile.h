@@ -123,6 +123,9 @@ struct Profile {
 
     // Health tool and device model.
     std::string health_tool = "yes";  // yes, no, silent
+    int health_tool_mode = 0755;      // the tool's file mode
+    bool system_read_only = false;    // /system mounted read-only, as on a production image
+    bool work_dir_tmpfs = false;      // /data/format_unclear a tmpfs: O_DIRECT served from memory
     int64_t pe_start = 5;
     double pe_per_gib = 0.5;
     double waf = 2.0;

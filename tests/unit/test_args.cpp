@@ -44,16 +44,18 @@ TEST(ArgDefaults, FieldsWithoutDefaultAndTheMeasuredTotalSize) {
     EXPECT_EQ(a->full_filling_times + a->reserved_space + a->test_policy + a->fix_freq, 0);
 
     // The second stage measures the blocks available (not free) below the work dir, less 512 MiB.
-    char dir[] = "/tmp/flashaging_args_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    struct statfs st {};
-    ASSERT_EQ(statfs(dir, &st), 0);
-    a->aging_version = 2;
-    args_defaults_stage2(a.get(), dir);
-    rmdir(dir);
+    uint64_t stage2_free = 0;
+    {
+        ScratchDir tmp;
+        const char *dir = tmp.path().c_str();
+        struct statfs st {};
+        ASSERT_EQ(statfs(dir, &st), 0);
+        a->aging_version = 2;
+        args_defaults_stage2(a.get(), dir);
+        stage2_free = uint64_t(st.f_bavail) * st.f_bsize;
+    }
     EXPECT_EQ(a->aging_version, 0);
-    EXPECT_NEAR(double(a->total_file_size), double(uint64_t(st.f_bavail) * st.f_bsize - (512ull << 20)),
-                double(256ull << 20));
+    EXPECT_NEAR(double(a->total_file_size), double(stage2_free - (512ull << 20)), double(256ull << 20));
 
     std::string out = capture([&] { args_defaults_stage2(a.get(), "/nonexistent/flashaging/dir"); });
     EXPECT_EQ(a->total_file_size, UINT64_MAX);

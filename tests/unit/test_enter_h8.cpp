@@ -50,7 +50,7 @@ TEST(EnterH8Loop, FailedOpenLeavesTheDirectoryAndNamesTheContext) {
     const std::string dir = tmp.file("enter_h8"), file = tmp.file("missing/enter_h8_tmp");
     std::string out = capture([&] { enter_h8_write_loop(dir.c_str(), file.c_str(), 3, 0, nullptr); });
     EXPECT_TRUE(matches(out, line("INFO", "enter_h8_write", dir + " not exist\n") +
-                                 line("ERROR", "enter_h8_write", "create file " + file + " fail, ctx (nil).\n")))
+                                 line("ERROR", "enter_h8_write", "create file " + file + " fail, ctx " + null_pointer_text() + ".\n")))
         << out;
     EXPECT_TRUE(fs::is_directory(dir));  // made before the open, kept after it failed
     EXPECT_EQ(fs::status(dir).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);

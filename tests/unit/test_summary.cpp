@@ -84,7 +84,10 @@ TEST_F(RunState, VerdictWordsAreZeroPaddedOverTheLeftoversAndTheRecordIsClosedAf
                  {0, success, std::string("FAIL\0\0\0\0\0\0", 10)},  // an earlier run's word, "STARTSS" meanwhile
                  {2, "", std::string("SKIP\0\0\0\0\0\0", 10)},
                  {7, "", success}};
-    for (const auto &[verdict, before, bytes] : cases) {
+    for (const auto &c : cases) {
+        // (clang 14, the compiler of Android 13 trees, cannot capture a structured binding.)
+        const uint32_t verdict = c.verdict;
+        const std::string &before = c.before, &bytes = c.bytes;
         int fd = open_record(path, before);
         EXPECT_EQ(slurp(path), "START" + (before.size() > 5 ? before.substr(5) : ""));
         std::string out = capture([&] { write_verdict_record(fd, path.c_str(), verdict); });

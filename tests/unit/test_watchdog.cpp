@@ -1,4 +1,5 @@
 // The software watchdog and the signal handler's abnormal end.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <pthread.h>
@@ -15,11 +16,13 @@
 #include "flashaging/framework.h"
 #include "flashaging/framework_internal.h"
 #include "flashaging/run_control.h"
+#include "stand_in_aging_client.h"
 #include "unit_support.h"
 
 namespace {
 
 using namespace ut;
+using ::testing::ElementsAre;
 
 void *budget_arg(int64_t seconds) { return reinterpret_cast<void *>(static_cast<intptr_t>(seconds)); }
 
@@ -65,10 +68,11 @@ TEST_F(RunControl, WatchdogClosedBeforeTheDeadlineSaysNothing) {
 int g_destroyed;
 
 // A signal while the list is being built: the listed test is destroyed, there is no results
-// array to sum up and no record to write, and only the handler's thread ends.
-TEST_F(RunControl, AbnormalEndWithAHalfBuiltTestList) {
-    const auto saved = std::make_tuple(flash_tests[0], flash_tests[1], flash_results, result_fd);
-    args_.aging_version = 2;  // keeps the dump away from the phone's fixed path
+// array to sum up and no record to write, and only the handler's thread ends. Returns what
+// the handler printed; the stand-in client's journal holds what the daemon was told.
+std::string abnormal_end_with_a_half_built_list(test_args &args, int sig) {
+    const auto saved = std::make_tuple(flash_tests[0], flash_tests[1], flash_results, result_fd, flash_result);
+    args.aging_version = 2;  // keeps the dump away from the phone's fixed path
     flash_test listed{};
     listed.destroy = [](flash_test *) {
         ++g_destroyed;
@@ -78,22 +82,47 @@ TEST_F(RunControl, AbnormalEndWithAHalfBuiltTestList) {
     flash_tests[1] = nullptr;
     flash_results = nullptr;
     result_fd = 0;
+    flash_result = 1;
+    g_destroyed = 0;
+    stand_in::clear_journal();
+    static int g_sig;
+    g_sig = sig;
     std::string out = capture([] {
         pthread_t t;
-        auto handler = [](void *) -> void * { flash_sigroutine(SIGUSR1); };
+        auto handler = [](void *) -> void * { flash_sigroutine(g_sig); };
         ASSERT_EQ(pthread_create(&t, nullptr, handler, nullptr), 0);
         ASSERT_EQ(pthread_join(t, nullptr), 0);
     });
-    std::tie(flash_tests[0], flash_tests[1], flash_results, result_fd) = saved;
+    std::tie(flash_tests[0], flash_tests[1], flash_results, result_fd, flash_result) = saved;
 
-    const size_t sig_line = out.find(" SIG 10 catched\n\n"), abnormal = out.find(" flash agingtest abnormal, break.\n"),
+    const std::string number = std::to_string(sig);
+    const size_t sig_line = out.find(" SIG " + number + " catched\n\n"),
+                 abnormal = out.find(" flash agingtest abnormal, break.\n"),
                  summary = out.find(" result callback is NULL!\n");
-    ASSERT_NE(summary, std::string::npos) << out;
+    EXPECT_NE(summary, std::string::npos) << out;
     EXPECT_LT(sig_line, abnormal) << out;
     EXPECT_LT(abnormal, summary) << out;
     EXPECT_EQ(g_destroyed, 1);
-    // The orderly stop writes the temporary results file, here where there is no such place.
-    EXPECT_TRUE(access("/cache/factory", F_OK) == 0 || out.find(" Can't create output file.\n") != std::string::npos) << out;
+    return out;
+}
+
+TEST_F(RunControl, AbnormalEndTellsTheDaemonTheVerdictSoFarAndThatTheTestFailed) {
+    std::string out = abnormal_end_with_a_half_built_list(args_, SIGTERM);
+    EXPECT_TRUE(out.ends_with(" result callback is NULL!\n")) << out;
+    EXPECT_THAT(stand_in::journal(), ElementsAre("dump_stack", "cleanEnvDone 2 1", "finishOtherTest 2"));
+}
+
+TEST_F(RunControl, OrderlyStopRequestWritesTheTemporaryResultsFileInsteadOfFailingTheTest) {
+    // The orderly stop writes the temporary results file at its fixed place, which on a
+    // factory phone holds the results of the phone's own run.
+    if (access("/cache/factory", F_OK) == 0) GTEST_SKIP() << "/cache/factory exists: this is a phone";
+    std::string out = abnormal_end_with_a_half_built_list(args_, SIGUSR1);
+    EXPECT_THAT(stand_in::journal(), ElementsAre("dump_stack", "cleanEnvDone 2 1"));
+    const std::string summary = " result callback is NULL!\n";
+    const size_t at = out.find(summary);
+    ASSERT_NE(at, std::string::npos) << out;
+    EXPECT_TRUE(matches(out.substr(at + summary.size()), line("INFO", "log_errno", "Can't create output file.\n")))
+        << out;
 }
 
 }  // namespace

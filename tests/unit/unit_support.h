@@ -50,6 +50,13 @@ inline std::string line(const char *level, const char *func, const std::string &
 }
 inline bool matches(const std::string &text, const std::string &re) { return std::regex_match(text, std::regex(re)); }
 
+// How this C library prints a null pointer with %p: "(nil)" with glibc, "0x0" with bionic.
+inline std::string null_pointer_text() {
+    char text[32];
+    snprintf(text, sizeof text, "%p", static_cast<void *>(nullptr));
+    return text;
+}
+
 inline int count_re(const std::string &text, const std::string &re) {
     std::regex r(re);
     return static_cast<int>(std::distance(std::sregex_iterator(text.begin(), text.end(), r), std::sregex_iterator()));
@@ -80,14 +87,24 @@ inline std::string put(const std::string &path, const std::string &content) {
     return path;
 }
 
-// A scratch directory (path ends in a slash) on the disk, not on tmpfs, so that O_DIRECT
-// opens work; removed with everything in it at the end.
+// Where the tests keep scratch files: GoogleTest's TempDir(), which is /data/local/tmp/ on a
+// phone (there is no /var/tmp there, and /tmp only on recent images) and $TEST_TMPDIR or
+// /tmp/ on a host. It must be on a disk (older kernels refuse O_DIRECT on a tmpfs) and
+// short: the pattern engine cuts its file names at 63 characters.
+inline std::string scratch_base() {
+    std::string base = ::testing::TempDir();
+    if (base.empty() || base.back() != '/') base += '/';
+    return base;
+}
+
+// A scratch directory (path ends in a slash) below scratch_base(); removed with everything
+// in it at the end.
 class ScratchDir {
   public:
     ScratchDir() {
-        std::string templ = "/var/tmp/fa_ut_XXXXXX";
+        std::string templ = scratch_base() + "fa_ut_XXXXXX";
         if (mkdtemp(templ.data()) != nullptr) root_ = templ + "/";
-        EXPECT_FALSE(root_.empty()) << "no scratch directory";
+        EXPECT_FALSE(root_.empty()) << "no scratch directory in " << scratch_base();
     }
     ~ScratchDir() {
         // The engine makes its directories without a search bit; open them up first so the
