@@ -3,6 +3,8 @@ benchmark speeds, health growths, battery waits and why the run ended."""
 
 import re
 
+from . import lines
+
 R_WRITER = re.compile(r'runs (-?\d+), ret (-?\d+), fill (\d+)MB,\s+speed is (\S+) MB/s, cost is (\S+)s')
 R_READER = re.compile(r'read_times is (-?\d+), average 1000 times cost (\S+)s')
 R_GROUP = re.compile(r'g_group_size is (-?\d+)')
@@ -33,26 +35,6 @@ MIXES = {
 
 SIGNALS = {1: 'SIGHUP', 2: 'SIGINT', 4: 'SIGILL', 5: 'SIGTRAP', 6: 'SIGABRT', 7: 'SIGBUS', 8: 'SIGFPE',
            10: 'SIGUSR1', 11: 'SIGSEGV', 14: 'SIGALRM', 15: 'SIGTERM'}
-
-# Lines that say something failed (the first of them is quoted as the cause of a failed run).
-FAILURE_PATTERNS = [
-    ('storage_filler', re.compile(r'filler\[\d+\]\.output is')),
-    (None, re.compile(r'storage_filler cycle -?\d+ fail')),
-    (None, re.compile(r'benchmark_check cycle')),
-    (None, re.compile(r'healthinfo_judge cycle')),
-    (None, re.compile(r'^healthinfo_judge fail$')),
-    (None, re.compile(r'case \d+ : healthinfo_judge failed')),
-    (None, re.compile(r'get error state')),
-    (None, re.compile(r'Test -?\d+ index failed')),
-    (None, re.compile(r'Not skip driver errors')),
-    (None, re.compile(r'(create|join) (w_th|r_th|thread)')),
-    (None, re.compile(r'barrier wait failed')),
-    (None, re.compile(r'read file .* failed')),
-    (None, re.compile(r'^open .* failed')),
-    (None, re.compile(r', FAIL$')),
-]
-PLAIN_FAILURES = re.compile(r'^(w/r fail|thread \d+ fail|benchmark_end fail|write fail)')
-
 
 def _f(s):
     try:
@@ -93,6 +75,7 @@ class Cycle:
         self.end = None
         self.outcome = None                 # 'ok', 'fail', 'watchdog', 'incomplete'
         self.errors = []
+        self.benign = []                    # retried or benign lines (see lines.py)
 
     def fill_figures(self):
         w = self.writers
@@ -149,7 +132,7 @@ class Cycle:
             'bench_mib': (sum(self.bench_detail[m][0] for m in ('seq write', 'rand write') if m in self.bench_detail)
                           / 1048576.0 + 512.0 * len(self.bench_detail)) if self.bench_detail else 0.0,
             'health': self.deltas, 'waf': self.waf, 'pe_after': pe_after,
-            'errors': self.errors,
+            'errors': self.errors, 'benign': self.benign,
         }
 
 
@@ -168,10 +151,10 @@ def analyse(records):
         'last_line': records[-1].no if records else None,
         'start': None, 'end': None,
         'settings': {}, 'pe_start': None,
-        'events': [], 'tests': [], 'gaps': [], 'failures': [],
+        'events': [], 'tests': [], 'gaps': [], 'failures': [], 'benign': [],
         'health_checks': [],
         'signal': None, 'watchdog_fired': None, 'cost_s': None,
-        'outcome_line': None,
+        'outcome_line': None, 'left_out': [], 'wdt_start': None,
     }
     ts_all = [r.ts for r in records if r.ts is not None]
     if ts_all:
@@ -187,6 +170,25 @@ def analyse(records):
 
     def ev(kind, r, text):
         run['events'].append({'kind': kind, 'ts': r.ts, 'line': r.no, 'text': text})
+
+    ctx = lines.Context()
+
+    def note_line(r):
+        """Files an error-looking line as a failure or apart (retried, benign); its class."""
+        c = lines.classify(r, ctx)
+        if c is None:
+            return None
+        cls, why = c
+        item = {'line': r.no, 'text': quote(r), 'ts': r.ts, 'cls': cls, 'why': why}
+        if cls == lines.FAILURE:
+            run['failures'].append(item)
+            if cur is not None:
+                cur.errors.append(quote(r))
+        else:
+            run['benign'].append(item)
+            if cur is not None:
+                cur.benign.append(quote(r))
+        return cls
 
     def close_health():
         nonlocal health, health_owner
@@ -241,11 +243,7 @@ def analyse(records):
                 if cur is not None:
                     cur.bench_skipped = m
                 continue
-            if PLAIN_FAILURES.match(m):
-                run['failures'].append({'line': r.no, 'text': quote(r), 'ts': r.ts})
-                if cur is not None:
-                    cur.errors.append(quote(r))
-                continue
+            note_line(r)
             continue
 
         # [FLASH] bodies
@@ -301,12 +299,14 @@ def analyse(records):
             x = R_TEST_NUM.search(m)
             if x:
                 run['settings']['test_num'] = int(x.group(1))
+                run['left_out'].append(int(x.group(2)))     # 5 enter-H8, 6 the storage filler
             continue
         if f == 'flash_wdt_thread_start':
             x = R_WDT_CONF.search(m)
             if x:
                 run['settings'].update(test_time=int(x.group(1)), spike=int(x.group(2)),
                                        num_samples=int(x.group(3)), budget_s=int(x.group(4)))
+                run['wdt_start'] = r.ts
             continue
         if f == 'flash_wdt_thread' and 'say test over' in m:
             marks['wdt'] = r
@@ -353,6 +353,7 @@ def analyse(records):
                 cur.mix = MIXES.get(cur.group_size)
                 cur.number = None
                 cycles.append(cur)
+                ctx.new_cycle()
                 runner_case = None
                 continue
             x = R_BATTERY.search(m)
@@ -368,11 +369,12 @@ def analyse(records):
                     cur.outcome = cur.outcome or 'ok'
                     run['settings'].setdefault('fill_cycles', int(x.group(2)))
                 continue
-            if 'exit, wdt timeout' in m and cur is not None:
-                cur.outcome = 'watchdog'
-                cur.end = r.ts
-                cur.errors.append(quote(r))
+            if 'exit, wdt timeout' in m:
+                note_line(r)            # a pass: the watchdog's time is up
                 marks['filler_wdt'] = r
+                if cur is not None:
+                    cur.outcome = 'watchdog'
+                    cur.end = r.ts
                 continue
             x = R_TOTAL.search(m)
             if x:
@@ -394,19 +396,19 @@ def analyse(records):
                 cur.readers.append({'reads': int(x.group(1)), 'cost_1000': _f(x.group(2)), 'ts': r.ts,
                                     'tid': r.tid})
                 continue
-        if f == 'storage_filler' and m.endswith('.output is 17185'):
-            continue    # a thread the watchdog ended: a pass
-        for func, pat in FAILURE_PATTERNS:
-            if (func is None or func == f) and pat.search(m) and r.level in ('ERROR', 'FATAL', 'INFO'):
-                if r.level == 'INFO' and not pat.pattern.startswith(', FAIL') and f != 'read_disturb_file':
+        if f == 'run_flash_tests' and m.startswith('But skip driver errors'):
+            # The driver errors the line before reported are skipped: not a failure after all.
+            for x in reversed(run['failures']):
+                if 'index failed' in x['text']:
+                    run['failures'].remove(x)
+                    x.update(cls=lines.BENIGN, why='driver errors are skipped (-skip_err_state): the run goes on')
+                    run['benign'].append(x)
                     break
-                run['failures'].append({'line': r.no, 'text': quote(r), 'ts': r.ts})
-                if cur is not None and cur.end is None:
-                    if 'storage_filler cycle' in m or 'benchmark_check cycle' in m or 'healthinfo_judge cycle' in m:
-                        cur.outcome = 'fail'
-                        cur.end = r.ts
-                    cur.errors.append(quote(r))
-                break
+        cls = note_line(r)
+        if cls == lines.FAILURE and cur is not None and cur.end is None:
+            if 'storage_filler cycle' in m or 'benchmark_check cycle' in m or 'healthinfo_judge cycle' in m:
+                cur.outcome = 'fail'
+                cur.end = r.ts
     close_health()
     if cur is not None and cur.end is None and cur.outcome is None:
         cur.outcome = 'incomplete'
@@ -471,8 +473,19 @@ def _decide_end(run, records, marks):
                 text = ('Ended by wear: after cycle %d/%d the P/E growth since the start exceeded %d.' % (n, fc, fc))
             rec = [r for r in records if r.kind == 'body' and R_CYCLE_COST.search(r.msg)]
             put('wear', text, rec[-1] if rec else marks.get('filler_end'))
-        elif 'test_num' in run['settings'] and not run['tests']:
+        elif 5 in run['left_out'] and 6 in run['left_out']:
             put('no-test', 'No test was selected (-n %d).' % run['settings']['test_num'], marks.get('end'))
+        elif 6 not in run['left_out'] and not cyc:
+            health = [x for x in run['benign'] if 'healthinfo_get' in x['text'] or 'monitor_tool' in x['text']]
+            run['no_aging_why'] = ('the storage filler ran no fill cycle (a fill-cycle setting below 0)'
+                                   if 'filler_end' in marks else 'the storage filler returned before its first '
+                                   'fill cycle: the health tool could not be read')
+            if 'filler_end' in marks:
+                put('no-aging', 'The storage filler ran no fill cycle (a fill-cycle setting below 0).',
+                    marks['filler_end'])
+            else:
+                put('no-aging', 'The storage filler returned before its first fill cycle: the health tool could '
+                    'not be read. The first line that says so:', health[0] if health else marks.get('end'))
         else:
             put('done', 'All selected tests ran to their end.', marks.get('run_ok') or marks.get('end'))
     else:
