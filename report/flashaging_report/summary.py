@@ -64,7 +64,7 @@ def build(run_dir, run_no=None):
 
     results = runfiles.parse_results(res_data)
     word, record_hex = runfiles.record_word(rec_data)
-    verdict, verdict_from = _verdict(run, word if last else None)
+    verdict, verdict_from = verdict_of(run, word if last else None)
 
     cycles = run['cycles']
     fills = [c['fill'].get('mib_s') for c in cycles if c['fill']]
@@ -127,7 +127,7 @@ def build(run_dir, run_no=None):
     }
 
 
-def _verdict(run, word):
+def verdict_of(run, word):
     """The verdict: the pass/fail record's word for the log's last run, else what the log says."""
     m = run['marks']
     if 'signal' in m:
