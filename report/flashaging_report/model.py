@@ -421,9 +421,25 @@ class Analyser:
                 self.cur.outcome = 'fail'
                 self.cur.end = r.ts
 
+    def _snapshot(self):
+        """A copy that `result` may change: what closing the open health block and the running
+        cycle changes is copied, the rest shared (the figures are read at once)."""
+        a = copy.copy(self)
+        a.run = dict(self.run)
+        for k in ('health_checks', 'failures', 'benign'):
+            a.run[k] = list(self.run[k])
+        a.marks = dict(self.marks)
+        a.cycles = list(self.cycles)
+        a.health = copy.deepcopy(self.health)
+        if self.cur is not None:
+            a.cur = copy.copy(self.cur)
+            a.cur.deltas = dict(self.cur.deltas)
+            a.cycles[a.cycles.index(self.cur)] = a.cur
+        return a
+
     def result(self, final=False):
         """The run's figures so far; unless `final`, the reader may go on feeding afterwards."""
-        a = self if final else copy.deepcopy(self)
+        a = self if final else self._snapshot()
         a.close_health()
         cur = a.cur
         if cur is not None and cur.end is None and cur.outcome is None:
