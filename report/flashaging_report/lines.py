@@ -58,7 +58,7 @@ def _writer_open(m, r, ctx):
 
 
 def _writer_write(m, r, ctx):
-    if _i(m.group(2)) == ENOSPC:
+    if _i(m.group(1)) == ENOSPC:
         return BENIGN, 'the disk is full (ENOSPC): the pass ends and the writer meets the others'
     return FAILURE, 'the writer stops with result 1: the cycle fails'
 
