@@ -212,26 +212,26 @@ class RunFolder(unittest.TestCase):
         self.assertEqual((r.returncode, r.stdout.splitlines()), (0, RECORDED_LINES))
 
 
-def tmux(*args):
-    return subprocess.run(['tmux', '-L', 'flashaging-watch-test'] + list(args), capture_output=True, text=True,
-                          timeout=30)
-
-
-class Terminal(unittest.TestCase):
-    """The screen in a real terminal: tmux runs it, capture-pane reads it."""
+class TerminalCase(unittest.TestCase):
+    """The screen in a real terminal: tmux runs it (a server of the test's own), capture-pane
+    reads it."""
 
     def setUp(self):
         if not shutil.which('tmux'):
             self.skipTest('no tmux (scripts/deps.sh installs it)')
-        tmux('kill-server')
-        self.addCleanup(tmux, 'kill-server')
+        self.socket = 'flashaging-watch-%d-%s' % (os.getpid(), self._testMethodName[:40])
+        self.addCleanup(self.tmux, 'kill-server')
+
+    def tmux(self, *args):
+        return subprocess.run(['tmux', '-L', self.socket] + list(args), capture_output=True, text=True, timeout=30)
 
     def start(self, command):
-        r = tmux('new-session', '-d', '-s', 'w', '-x', '132', '-y', '45', command + '; echo "EXIT $?"; sleep 600')
+        r = self.tmux('new-session', '-d', '-s', 'w', '-x', '132', '-y', '45',
+                      command + '; echo "EXIT $?"; sleep 600')
         self.assertEqual(r.returncode, 0, r.stderr)
 
     def screen(self, colours=False):
-        return tmux('capture-pane', '-p', '-t', 'w', *(['-e'] if colours else [])).stdout
+        return self.tmux('capture-pane', '-p', '-t', 'w', *(['-e'] if colours else [])).stdout
 
     def wait_screen(self, pred, timeout):
         until = time.monotonic() + timeout
@@ -247,6 +247,8 @@ class Terminal(unittest.TestCase):
         m = re.search(r'│ %s\s+(.*?)\s*│' % re.escape(name), screen)
         return m.group(1) if m else None
 
+
+class Terminal(TerminalCase):
     def test_failure_line_shows_in_red_as_soon_as_it_is_logged_and_the_verdict_ends_it(self):
         d = tempfile.mkdtemp(prefix='watch-tty-')
         self.addCleanup(shutil.rmtree, d, True)
@@ -272,6 +274,9 @@ class Terminal(unittest.TestCase):
         self.assertIn('│ FAIL: A test failed; the first failure line.', s)
         self.assertIn('EXIT 1', s)
 
+
+
+class SimulatedRunInATerminal(TerminalCase):
     def test_simulated_run_shows_phase_counters_forecast_and_verdict(self):
         if not SIM:
             self.skipTest('FLASHAGING_SIM_BIN names no simulator')
