@@ -34,12 +34,14 @@ BASE = ['-n 6', '-reserved_space 63500', '-full_filling_times 9']
 # name -> (what it shows, argument elements, --set lines, the shipped profile)
 PROFILES = {
     'steady': ('steady wear: 0.5 P/E per GiB, ~2.4 P/E a cycle; ends by wear', ['-s 3600'] + BASE, [], 'default'),
-    'changing': ('wear that speeds up: the steady phone plus P/E jumps of +1, +2, +3 at 35, 60 and 85 s (the '
-                 'simulator\'s jump key); ends by wear', ['-s 3600'] + BASE,
-                 ['jump = eraseXLCCntAvg+1@35', 'jump = eraseXLCCntAvg+2@60', 'jump = eraseXLCCntAvg+3@85'],
-                 'default'),
+    'changing': ('wear that speeds up: the steady phone, -full_filling_times 15, plus P/E jumps of +1, +2, +3, '
+                 '+4 at 35, 65, 95 and 125 s (the simulator\'s jump key; TBW jumps with them, 655 per P/E, so the '
+                 'write amplification stays 2); ends by wear', ['-s 3600'] + BASE[:-1] + ['-full_filling_times 15'],
+                 [j for n, t in ((1, 35), (2, 65), (3, 95), (4, 125))
+                  for j in ('jump = eraseXLCCntAvg+%d@%d' % (n, t), 'jump = TBW+%d@%d' % (655 * n, t))], 'default'),
     'fast-wear': ('the fast-wear phone (write amplification 3.5, read reclaim and bad blocks growing, the same '
-                  'P/E rate); ends by wear', ['-s 3600'] + BASE, [], 'fast-wear'),
+                  'P/E rate); ends by wear, then fails the whole test\'s judgement (read reclaim +48 over five '
+                  'cycles)', ['-s 3600'] + BASE, [], 'fast-wear'),
     'watchdog': ('steady wear, but a 103 s watchdog budget (-s 100) ends the run before the wear does',
                  ['-s 100'] + BASE, [], 'default'),
 }
@@ -103,6 +105,7 @@ def main():
     ap.add_argument('--out', default='/var/tmp/flashaging-forecast-bench')
     ap.add_argument('--profiles', default=','.join(PROFILES))
     ap.add_argument('--readme', action='store_true')
+    ap.add_argument('--merge', action='store_true', help='keep the other profiles\' runs of OUT/forecasts.json')
     a = ap.parse_args()
     names = [n for n in a.profiles.split(',') if n in PROFILES]
     jobs = [(n, rep) for rep in range(1, a.reps + 1) for n in names]
@@ -110,7 +113,12 @@ def main():
     load0 = os.getloadavg()[0]
     with ThreadPoolExecutor(max_workers=a.jobs) as pool:
         results = list(pool.map(lambda j: run_one(a.sim, a.out, *j), jobs))
-    with open(os.path.join(a.out, 'forecasts.json'), 'w') as f:
+    kept = os.path.join(a.out, 'forecasts.json')
+    if a.merge and os.path.exists(kept):
+        with open(kept) as f:
+            results = [r for r in json.load(f) if r['profile'] not in names] + results
+        names = [n for n in PROFILES if any(r['profile'] == n for r in results)]
+    with open(kept, 'w') as f:
         json.dump(results, f, indent=1, default=str)
     head = ['Taken %s: %d repetition%s of each profile, %d phones at once, %.0f s in all; load average (1 min) '
             '%.1f at the start, %.1f at the end.' % (datetime.datetime.now().strftime('%Y-%m-%d %H:%M'), a.reps,

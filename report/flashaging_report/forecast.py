@@ -30,9 +30,10 @@ def _rows(cycles):
             continue
         d = c['health'].get('eraseXLCCntAvg')
         start = prev_end if prev_end is not None else c.get('start')
+        fill = (c['fill_end'] - c['start']) if c.get('fill_end') is not None and c.get('start') is not None else None
         out.append({'index': c['index'], 'end': c['end'], 'number': c['number'],
                     'own': c['number'] + d if d is not None else None,
-                    'seconds': c['end'] - start if start is not None else c.get('seconds')})
+                    'seconds': c['end'] - start if start is not None else c.get('seconds'), 'fill': fill})
         prev_end = c['end']
     return out
 
@@ -89,22 +90,34 @@ def make(cycles, limit, deadline=None, upto=None):
     c_lo, t_lo = wear(g_hi, d_lo)
     c_hi, t_hi = wear(g_lo, d_hi)
 
+    # The share of a cycle its fill takes: the watchdog stops a fill at once, but a benchmark
+    # and a judgement run to their end, and the next cycle's writers then stop at once.
+    shares = [r['fill'] / r['seconds'] for r in rows if r['fill'] is not None and r['seconds']]
+    share = min(1.0, max(0.0, sum(shares) / len(shares))) if shares else 1.0
+
     def by_watchdog(d):
-        return idx + max(1, _ceil((deadline - at) / d)) if d else None
+        left = max(0.0, deadline - at)
+        whole = int(left // d)
+        if left - whole * d < share * d:
+            return idx + whole + 1, deadline
+        return idx + whole + 2, at + (whole + 1) * d
 
     if deadline is not None:
+        cut = {}
         if t_mid is None or t_mid > deadline:
-            c_mid, t_mid = by_watchdog(cyc_s), deadline
+            (c_mid, t_mid), cut['mid'] = by_watchdog(cyc_s), True
         if t_lo is None or t_lo > deadline:
-            c_lo, t_lo = by_watchdog(d_hi), deadline
+            (c_lo, t_lo), cut['lo'] = by_watchdog(d_lo), True
         if t_hi is None or t_hi > deadline:
-            c_hi, t_hi = by_watchdog(d_lo), deadline
-        if t_hi == deadline and t_lo == deadline:
+            (c_hi, t_hi), cut['hi'] = by_watchdog(d_hi), True
+        if 'lo' in cut and 'hi' in cut:
             by = 'watchdog'
-        elif t_hi == deadline:
-            by = 'wear or watchdog' if t_mid < deadline else 'watchdog or wear'
+        elif 'hi' in cut:
+            by = 'watchdog or wear' if 'mid' in cut else 'wear or watchdog'
         else:
             by = 'wear'
+        if t_lo > t_hi:
+            t_lo, t_hi = t_hi, t_lo
     else:
         by = 'wear' if t_mid is not None else 'nothing in sight'
     if c_lo is not None and c_hi is not None and c_lo > c_hi:
