@@ -103,7 +103,8 @@ def main():
                                                           'model, not the CPU)')
     ap.add_argument('--sim', default=os.path.join(TOP, 'build', 'default', 'sim', 'flashaging-sim'))
     ap.add_argument('--out', default='/var/tmp/flashaging-forecast-bench')
-    ap.add_argument('--profiles', default=','.join(PROFILES))
+    ap.add_argument('--profiles', default=','.join(PROFILES), help='comma list (none: only score the kept runs '
+                                                                     'again, with --merge)')
     ap.add_argument('--readme', action='store_true')
     ap.add_argument('--merge', action='store_true', help='keep the other profiles\' runs of OUT/forecasts.json')
     a = ap.parse_args()
@@ -111,12 +112,19 @@ def main():
     jobs = [(n, rep) for rep in range(1, a.reps + 1) for n in names]
     t0 = time.monotonic()
     load0 = os.getloadavg()[0]
+    os.makedirs(a.out, exist_ok=True)
     with ThreadPoolExecutor(max_workers=a.jobs) as pool:
         results = list(pool.map(lambda j: run_one(a.sim, a.out, *j), jobs))
     kept = os.path.join(a.out, 'forecasts.json')
     if a.merge and os.path.exists(kept):
         with open(kept) as f:
-            results = [r for r in json.load(f) if r['profile'] not in names] + results
+            old = [r for r in json.load(f) if r['profile'] not in names]
+        for r in old:
+            # Scored again by the report's current code, from the run's own folder.
+            folder = os.path.join(a.out, '%s-%d' % (r['profile'], r['rep']))
+            if os.path.isdir(folder):
+                r['forecasts'] = summary.build(folder)['forecasts']
+        results = old + results
         names = [n for n in PROFILES if any(r['profile'] == n for r in results)]
     with open(kept, 'w') as f:
         json.dump(results, f, indent=1, default=str)

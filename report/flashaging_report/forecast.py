@@ -142,7 +142,7 @@ def per_cycle(cycles, limit, deadline, actual_end=None, actual_cycle=None):
             f['actual_end_cycle'] = actual_cycle
             f['error_s'] = f['end_ts'] - actual_end
             left = actual_end - f['at']
-            f['error_pct'] = 100.0 * f['error_s'] / left if left > 0 else None
+            f['error_pct'] = 100.0 * f['error_s'] / left if left >= 1.0 else None   # nothing left to run
             f['error_cycles'] = (f['end_cycle'] - actual_cycle) if (f['end_cycle'] is not None and
                                                                      actual_cycle is not None) else None
             f['in_range'] = (f['end_ts_lo'] is not None and f['end_ts_hi'] is not None and
