@@ -2,7 +2,7 @@
 # Installs the Debian packages this project needs, only those missing.
 # Usage: scripts/deps.sh [extra-package...]
 set -euo pipefail
-packages=(cmake ninja-build g++ libgtest-dev libgmock-dev e2fsprogs util-linux mount python3-matplotlib mksh toybox "$@")
+packages=(cmake ninja-build g++ libgtest-dev libgmock-dev e2fsprogs util-linux mount python3-matplotlib python3-rich tmux mksh toybox "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -28,6 +28,7 @@
 #include "sim/image.h"
 #include "sim/phone.h"
 #include "sim/profile.h"
+#include "sim/live_view.h"
 #include "sim/run_report.h"
 #include "sim/throttle.h"
 #include "sim/util.h"
@@ -340,6 +341,7 @@ int simulate(Options &o) {
         // Wait for the phone, passing an interruption on and reading its report.
         double interrupted_at = -1;
         bool announced = false;
+        pid_t view = -1;
         int cstatus = 0;
         for (;;) {
             struct pollfd pfd = {rep[0], POLLIN, 0};
@@ -354,6 +356,7 @@ int simulate(Options &o) {
                     printf("flashaging-sim: running %s on a simulated phone (profile %s); log: %s/factory/flash_aging.log\n",
                            exe.c_str(), o.profile.c_str(), out.c_str());
                     fflush(stdout);
+                    view = start_live_view(out, child);
                 }
             }
             pid_t w = waitpid(child, &cstatus, WNOHANG);
@@ -368,6 +371,7 @@ int simulate(Options &o) {
         }
         child = -1;
         g_child = 0;
+        end_live_view(view);
         for (;;) {
             char buf[4096];
             ssize_t n = read(rep[0], buf, sizeof buf);

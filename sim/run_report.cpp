@@ -21,7 +21,9 @@ constexpr double kReportTimeoutS = 120;
 
 bool executable(const std::string &p) { return !p.empty() && access(p.c_str(), X_OK) == 0; }
 
-std::string find_tool() {
+}  // namespace
+
+std::string report_tool() {
     if (const char *env = getenv("FLASHAGING_REPORT")) return env;
     if (executable(FLASHAGING_REPORT_TOOL)) return FLASHAGING_REPORT_TOOL;
     const char *path = getenv("PATH");
@@ -37,6 +39,8 @@ std::string find_tool() {
     return "";
 }
 
+namespace {
+
 // The last non-empty line of `text`.
 std::string last_line(const std::string &text) {
     size_t end = text.find_last_not_of("\n \t");
@@ -49,7 +53,7 @@ std::string last_line(const std::string &text) {
 }  // namespace
 
 void write_run_report(const std::string &out) {
-    std::string tool = find_tool();
+    std::string tool = report_tool();
     if (tool == "none" || (getenv("FLASHAGING_REPORT") && tool.empty())) return;
     if (tool.empty()) {
         printf("  report   (none: flashaging-report not found)\n");

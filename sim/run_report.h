@@ -12,4 +12,8 @@ namespace sim {
 // project's report/flashaging-report, else flashaging-report on PATH.
 void write_run_report(const std::string &out);
 
+// The report tool: FLASHAGING_REPORT when set (may be "none" or empty), else the project's
+// report/flashaging-report, else flashaging-report on PATH; empty when there is none.
+std::string report_tool();
+
 }  // namespace sim

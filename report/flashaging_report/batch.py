@@ -29,8 +29,9 @@ COLUMNS = [
     ('rand_write', 'REAL'), ('rand_read', 'REAL'), ('reads_per_s', 'REAL'), ('waf_max', 'REAL'),
     ('pe_start', 'INTEGER'), ('pe_end', 'INTEGER'), ('pe_per_gib', 'REAL'), ('bad_block_growth', 'INTEGER'),
     ('read_reclaim_growth', 'INTEGER'), ('model', 'TEXT'), ('device_version', 'TEXT'), ('manufacture', 'TEXT'),
-    ('gaps', 'INTEGER'),
+    ('gaps', 'INTEGER'), ('no_aging', 'TEXT'),
 ]
+VERDICT_ORDER = ('SUCCESS', 'passed without aging', 'FAIL', 'SKIP', 'START', 'UNKNOWN')
 THRESHOLD = 3.5      # robust z-score (0.6745 x distance / MAD) above which a phone stands out
 MIN_REL = 0.10       # and at least this far from the median, relative to it
 
@@ -46,6 +47,11 @@ def open_db(path):
                'fill_mib REAL, fill_mib_s REAL, writer_min REAL, writer_max REAL, reads_per_s REAL, '
                'seq_write REAL, seq_read REAL, rand_write REAL, rand_read REAL, waf REAL, pe_after INTEGER, '
                'battery_wait_s REAL, outcome TEXT, PRIMARY KEY (serial, idx))')
+    # A file kept from before a column was added gets it (empty for its rows).
+    have = {row[1] for row in db.execute('PRAGMA table_info(phones)')}
+    for col, kind in COLUMNS:
+        if col not in have:
+            db.execute('ALTER TABLE phones ADD COLUMN %s %s' % (col, kind.replace(' PRIMARY KEY', '')))
     return db
 
 
@@ -70,6 +76,7 @@ def row_of(sm, run_dir):
         'read_reclaim_growth': f['growth'].get('readReclaim') if f['cycles'] else None,
         'model': dev.get('product_model'), 'device_version': dev.get('device_version'),
         'manufacture': dev.get('manufacture'), 'gaps': sm['gap_count'],
+        'no_aging': (sm.get('passed_without_aging') or {}).get('why'),
     }
 
 
@@ -142,12 +149,21 @@ def render(rows, flagged, stats, db_path):
     titles = {c: (t, u) for c, t, u, _ in FIGURES}
     verdicts = {}
     for r in rows:
-        verdicts[r['verdict']] = verdicts.get(r['verdict'], 0) + 1
+        v = 'passed without aging' if r['no_aging'] else r['verdict']
+        verdicts[v] = verdicts.get(v, 0) + 1
     parts = ['<!DOCTYPE html><html lang="en"><head><meta charset="utf-8"><title>Flash aging batch</title>'
              '<style>%s td.flag{background:#fde4e4;font-weight:bold;color:#a00}</style></head><body>' % page.CSS]
     parts.append('<h1>Flash aging batch: %d phone%s</h1><div class="sub">%s · database <code>%s</code></div>' % (
         len(rows), '' if len(rows) == 1 else 's',
         e(' · '.join('%s %d' % (k, v) for k, v in sorted(verdicts.items()))), e(os.path.abspath(db_path))))
+    parts.append('<table id="verdicts"><tr>%s</tr><tr>%s</tr></table>' % (
+        ''.join('<th>%s</th>' % e(k) for k in VERDICT_ORDER),
+        ''.join('<td>%d</td>' % verdicts.get(k, 0) for k in VERDICT_ORDER)))
+    no_aging = [r for r in rows if r['no_aging']]
+    if no_aging:
+        parts.append('<div class="warnbox" id="no-aging"><b>Passed without aging (%d):</b> counted apart from the '
+                     'passes: the flash was not aged.<ul>%s</ul></div>' % (len(no_aging), ''.join(
+                         '<li><b>%s</b>: %s</li>' % (e(r['serial']), e(r['no_aging'])) for r in no_aging)))
     parts.append('<h2>Phones that stand out</h2>')
     if flagged:
         items = []
@@ -172,22 +188,24 @@ def render(rows, flagged, stats, db_path):
         parts.append('<div class="fig">%s</div>' % plots.distribution(vals, title, unit, odd))
     parts.append('</div>')
     parts.append('<h2>Phones</h2>')
-    cols = [('serial', 'serial', '%s'), ('verdict', 'verdict', '%s'), ('cycles', 'cycles', '%d'),
+    for r in rows:
+        r['shown_verdict'] = 'SUCCESS, not aged' if r['no_aging'] else r['verdict']
+    cols = [('serial', 'serial', '%s'), ('shown_verdict', 'verdict', '%s'), ('cycles', 'cycles', '%d'),
             ('gib_written', 'GiB written', '%.1f'), ('fill_mib_s', 'fill MiB/s', '%.0f'),
             ('seq_write', 'seq write', '%.0f'), ('seq_read', 'seq read', '%.0f'), ('rand_write', 'rand write', '%.1f'),
             ('rand_read', 'rand read', '%.1f'), ('reads_per_s', 'reads/s', '%.0f'), ('waf_max', 'WAF max', '%.2f'),
             ('pe_per_gib', 'P/E per GiB', '%.2f'), ('bad_block_growth', 'bad blocks +', '%d'),
             ('read_reclaim_growth', 'read reclaim +', '%d'), ('end_kind', 'ended by', '%s')]
-    head = ''.join('<th%s>%s</th>' % (' class="l"' if c in ('serial', 'verdict', 'end_kind') else '', e(t))
+    head = ''.join('<th%s>%s</th>' % (' class="l"' if c in ('serial', 'shown_verdict', 'end_kind') else '', e(t))
                    for c, t, _ in cols)
     body = []
     for r in rows:
         fl = {c for c, _, _, _ in flagged.get(r['serial'], [])}
         cells = []
         for c, _, fmt in cols:
-            cls = 'flag' if c in fl else ('l' if c in ('serial', 'verdict', 'end_kind') else '')
+            cls = 'flag' if c in fl else ('l' if c in ('serial', 'shown_verdict', 'end_kind') else '')
             cells.append('<td class="%s">%s</td>' % (cls, e(n(r[c], fmt))))
-        trc = 'bad' if r['verdict'] in ('FAIL', 'START') else ''
+        trc = 'bad' if r['verdict'] in ('FAIL', 'START') else 'warn' if r['no_aging'] else ''
         body.append('<tr class="%s">%s</tr>' % (trc, ''.join(cells)))
     parts.append('<table id="phones"><tr>%s</tr>%s</table>' % (head, ''.join(body)))
     parts.append('<p class="note">Speeds are medians over each phone\'s fill cycles. The SQLite file keeps a row per '
@@ -245,8 +263,10 @@ def main(args):
     with open(tmp, 'w', encoding='utf-8') as f:
         f.write(render(rows, flagged, stats, db_path))
     os.replace(tmp, page_path)
-    print('%s (%d phone%s added, %d left out, %d in the database; %d flagged)' % (
-        os.path.abspath(page_path), added, '' if added == 1 else 's', skipped, len(rows), len(flagged)))
+    unaged = sum(1 for r in rows if r['no_aging'])
+    print('%s (%d phone%s added, %d left out, %d in the database; %d flagged%s)' % (
+        os.path.abspath(page_path), added, '' if added == 1 else 's', skipped, len(rows), len(flagged),
+        '; %d passed without aging' % unaged if unaged else ''))
     for s in sorted(flagged):
         print('  %s: %s' % (s, ', '.join(c for c, _, _, _ in flagged[s])))
     return 0 if added or not dirs else 2

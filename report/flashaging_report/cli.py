@@ -8,6 +8,7 @@ import traceback
 USAGE = """usage: flashaging-report [--run N] [--out DIR] RUN_DIR
        flashaging-report --list RUN_DIR
        flashaging-report batch [--db FILE] [--out DIR] RUN_DIR...
+       flashaging-report watch [--plain] [--idle SECONDS] [--while-pid PID] RUN_DIR|-
 
 RUN_DIR is a run folder as flashaging-sim leaves it (factory/, journal) or a phone's
 /cache/factory pulled off the phone. The report goes into RUN_DIR (report.html and
@@ -17,7 +18,14 @@ summary.json) unless --out names another folder. The report shows the log's last
 batch: adds each RUN_DIR (one per phone, known by the serial number of its results file)
 to an SQLite file (default DIR/batch.sqlite, kept: later batches add to it) and writes
 batch.html into --out (default: the current folder).
-Exit status: 0 done, 1 the report could not be written, 2 usage or a log it cannot read."""
+Exit status: 0 done, 1 the report could not be written, 2 usage or a log it cannot read.
+
+watch: follows a run in progress, in RUN_DIR (its log growing) or on standard input (-),
+until its end: on a terminal one screen kept up to date (phase, counters, P/E growth, time
+against the watchdog, the forecast end, the first failure), otherwise one plain line per
+change of phase (--plain on a terminal too). Exit status: 0 SUCCESS, 1 FAIL, 4 SKIP, 3 an
+abnormal end or a log that stops without an end (end of standard input, the process of
+--while-pid gone, SIGTERM, or --idle SECONDS, default 3600, without a new line), 2 usage."""
 
 
 def _err(msg):
@@ -112,6 +120,9 @@ def main(argv=None):
         if args[0] == 'batch':
             from . import batch
             return batch.main(args[1:])
+        if args[0] == 'watch':
+            from . import watch
+            return watch.main(args[1:])
         return main_run(args)
     except KeyboardInterrupt:
         return 130

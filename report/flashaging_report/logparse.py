@@ -61,20 +61,39 @@ def _printable_ratio(s):
     return good / len(s)
 
 
-def read_records(data):
-    """Splits the log's bytes into records. Never raises on any input."""
-    if isinstance(data, bytes):
-        text = data.decode('utf-8', errors='replace')
-    else:
-        text = data
-    records = []
-    pending = []          # prefixes (ts, tid) waiting for their bodies
-    last_ts = None
-    for no, line in enumerate(text.split('\n'), 1):
+class RecordReader:
+    """Splits log text into records as it arrives: complete lines may be fed in any number of
+    pieces (a followed log), and the prefixes still waiting for their bodies carry over."""
+
+    def __init__(self):
+        self.no = 0           # lines read so far
+        self.pending = []     # prefixes (ts, tid) waiting for their bodies
+        self.last_ts = None
+
+    def feed(self, text):
+        """Records of the lines in `text` (split at line ends; a last piece without one is a line
+        too). Never raises on any input."""
+        if isinstance(text, bytes):
+            text = text.decode('utf-8', errors='replace')
+        out = []
+        for line in text.split('\n'):
+            self.no += 1
+            self._line(self.no, line, out)
+        return out
+
+    def feed_lines(self, lines):
+        out = []
+        for line in lines:
+            self.no += 1
+            self._line(self.no, line.rstrip('\n'), out)
+        return out
+
+    def _line(self, no, line, records):
+        pending = self.pending
         if '\r' in line:
             line = line.replace('\r', '')
         if not line:
-            continue
+            return
         rest = line
         # Leading prefixes, one or more (two threads that both wrote their prefix first).
         while True:
@@ -91,36 +110,38 @@ def read_records(data):
                 del pending[0]
             rest = rest[m.end():]
         if not rest:
-            continue
+            return
+        last_ts = self.last_ts
         m = BODY_RE.match(rest)
         if m and (PREFIX_RE.search(rest) or _printable_ratio(rest) < 0.9):
-            m = None    # a body with another line's prefix inside it, or binary noise
+            # a body with another line's prefix inside it, or binary noise
             records.append(Record(no, last_ts, None, None, None, 0, rest.rstrip(), 'garbled', line))
-            continue
+            return
         if m:
             ts = tid = None
             if pending:
                 ts, tid = pending.pop(0)
             if ts is not None:
-                last_ts = ts
+                self.last_ts = ts
             try:
                 src = int(m.group(3))
             except ValueError:
                 src = 0
             records.append(Record(no, ts if ts is not None else last_ts, tid, m.group(1),
                                   m.group(2), src, m.group(4).rstrip(), 'body', line))
-            continue
+            return
         # A prefix in the middle of a line means a line was cut short (a crash, a lost
         # write): what came before it is a broken piece.
-        m2 = PREFIX_RE.search(rest)
-        if m2 or '[FLASH]' in rest[1:] or _printable_ratio(rest) < 0.9:
+        if PREFIX_RE.search(rest) or '[FLASH]' in rest[1:] or _printable_ratio(rest) < 0.9 \
+                or rest.startswith('[FLASH]'):
             records.append(Record(no, last_ts, None, None, None, 0, rest.rstrip(), 'garbled', line))
-            continue
-        if rest.startswith('[FLASH]'):
-            records.append(Record(no, last_ts, None, None, None, 0, rest.rstrip(), 'garbled', line))
-            continue
+            return
         records.append(Record(no, last_ts, None, None, None, 0, rest.rstrip(), 'plain', line))
-    return records
+
+
+def read_records(data):
+    """Splits the log's bytes into records. Never raises on any input."""
+    return RecordReader().feed(data)
 
 
 # ---- runs ----------------------------------------------------------------------------

@@ -1,7 +1,10 @@
 """Turns one run's log records into the figures of the report: set-up, tests, fill cycles,
 benchmark speeds, health growths, battery waits and why the run ended."""
 
+import copy
 import re
+
+from . import lines
 
 R_WRITER = re.compile(r'runs (-?\d+), ret (-?\d+), fill (\d+)MB,\s+speed is (\S+) MB/s, cost is (\S+)s')
 R_READER = re.compile(r'read_times is (-?\d+), average 1000 times cost (\S+)s')
@@ -33,26 +36,6 @@ MIXES = {
 
 SIGNALS = {1: 'SIGHUP', 2: 'SIGINT', 4: 'SIGILL', 5: 'SIGTRAP', 6: 'SIGABRT', 7: 'SIGBUS', 8: 'SIGFPE',
            10: 'SIGUSR1', 11: 'SIGSEGV', 14: 'SIGALRM', 15: 'SIGTERM'}
-
-# Lines that say something failed (the first of them is quoted as the cause of a failed run).
-FAILURE_PATTERNS = [
-    ('storage_filler', re.compile(r'filler\[\d+\]\.output is')),
-    (None, re.compile(r'storage_filler cycle -?\d+ fail')),
-    (None, re.compile(r'benchmark_check cycle')),
-    (None, re.compile(r'healthinfo_judge cycle')),
-    (None, re.compile(r'^healthinfo_judge fail$')),
-    (None, re.compile(r'case \d+ : healthinfo_judge failed')),
-    (None, re.compile(r'get error state')),
-    (None, re.compile(r'Test -?\d+ index failed')),
-    (None, re.compile(r'Not skip driver errors')),
-    (None, re.compile(r'(create|join) (w_th|r_th|thread)')),
-    (None, re.compile(r'barrier wait failed')),
-    (None, re.compile(r'read file .* failed')),
-    (None, re.compile(r'^open .* failed')),
-    (None, re.compile(r', FAIL$')),
-]
-PLAIN_FAILURES = re.compile(r'^(w/r fail|thread \d+ fail|benchmark_end fail|write fail)')
-
 
 def _f(s):
     try:
@@ -93,6 +76,7 @@ class Cycle:
         self.end = None
         self.outcome = None                 # 'ok', 'fail', 'watchdog', 'incomplete'
         self.errors = []
+        self.benign = []                    # retried or benign lines (see lines.py)
 
     def fill_figures(self):
         w = self.writers
@@ -149,7 +133,7 @@ class Cycle:
             'bench_mib': (sum(self.bench_detail[m][0] for m in ('seq write', 'rand write') if m in self.bench_detail)
                           / 1048576.0 + 512.0 * len(self.bench_detail)) if self.bench_detail else 0.0,
             'health': self.deltas, 'waf': self.waf, 'pe_after': pe_after,
-            'errors': self.errors,
+            'errors': self.errors, 'benign': self.benign,
         }
 
 
@@ -161,272 +145,333 @@ def _median(v):
     return v[n // 2] if n % 2 else (v[n // 2 - 1] + v[n // 2]) / 2.0
 
 
-def analyse(records):
-    """Figures of one run from its records (already split into runs)."""
-    run = {
-        'first_line': records[0].no if records else None,
-        'last_line': records[-1].no if records else None,
-        'start': None, 'end': None,
-        'settings': {}, 'pe_start': None,
-        'events': [], 'tests': [], 'gaps': [], 'failures': [],
-        'health_checks': [],
-        'signal': None, 'watchdog_fired': None, 'cost_s': None,
-        'outcome_line': None,
-    }
-    ts_all = [r.ts for r in records if r.ts is not None]
-    if ts_all:
-        run['start'], run['end'] = min(ts_all), max(ts_all)
+class Analyser:
+    """Reads one run's records one at a time (a followed log grows line by line); `result`
+    gives the figures of what it has read so far."""
 
-    cycles = []
-    cur = None
-    health = None          # the health block being read: dict with deltas
-    health_owner = None    # 'cycle', 'runner', 'filler'
-    runner_case = None
-    last_bench_size = None
-    marks = {}             # name -> record
+    def __init__(self):
+        self.run = {
+            'settings': {}, 'pe_start': None,
+            'events': [], 'tests': [], 'gaps': [], 'failures': [], 'benign': [],
+            'health_checks': [],
+            'signal': None, 'watchdog_fired': None, 'cost_s': None,
+            'outcome_line': None, 'left_out': [], 'wdt_start': None,
+        }
+        self.cycles = []
+        self.cur = None
+        self.health = None          # the health block being read: dict with deltas
+        self.health_owner = None    # 'cycle', 'runner', 'filler'
+        self.runner_case = None
+        self.last_bench_size = None
+        self.marks = {}             # name -> record
+        self.ctx = lines.Context()
+        self.first = self.last = None
+        self.last_cycle_line = None   # the last "fill_cycle %d/%d cost" record
+        self.ts_min = self.ts_max = None
+        self.count = 0
 
-    def ev(kind, r, text):
-        run['events'].append({'kind': kind, 'ts': r.ts, 'line': r.no, 'text': text})
+    def ev(self, kind, r, text):
+        self.run['events'].append({'kind': kind, 'ts': r.ts, 'line': r.no, 'text': text})
 
-    def close_health():
-        nonlocal health, health_owner
-        if health is None:
-            return
-        if health_owner == 'cycle' and cur is not None:
-            cur.deltas.update(health['deltas'])
-            cur.waf = health.get('waf')
+    def note_line(self, r):
+        """Files an error-looking line as a failure or apart (retried, benign); its class."""
+        c = lines.classify(r, self.ctx)
+        if c is None:
+            return None
+        cls, why = c
+        item = {'line': r.no, 'text': quote(r), 'ts': r.ts, 'cls': cls, 'why': why}
+        if cls == lines.FAILURE:
+            self.run['failures'].append(item)
+            if self.cur is not None:
+                self.cur.errors.append(quote(r))
         else:
-            run['health_checks'].append(dict(health, owner=health_owner, case=runner_case))
-        health = None
+            self.run['benign'].append(item)
+            if self.cur is not None:
+                self.cur.benign.append(quote(r))
+        return cls
 
-    for r in records:
+    def close_health(self):
+        h = self.health
+        if h is None:
+            return
+        if self.health_owner == 'cycle' and self.cur is not None:
+            self.cur.deltas.update(h['deltas'])
+            self.cur.waf = h.get('waf')
+        else:
+            self.run['health_checks'].append(dict(h, owner=self.health_owner, case=self.runner_case))
+        self.health = None
+
+    def feed(self, r):
+        if self.first is None:
+            self.first = r
+        self.last = r
+        self.count += 1
+        if r.ts is not None:
+            if self.ts_min is None or r.ts < self.ts_min:
+                self.ts_min = r.ts
+            if self.ts_max is None or r.ts > self.ts_max:
+                self.ts_max = r.ts
         if r.kind == 'garbled':
-            run['gaps'].append({'line': r.no, 'text': r.msg[:200], 'ts': r.ts})
-            continue
+            self.run['gaps'].append({'line': r.no, 'text': r.msg[:200], 'ts': r.ts})
+            return
         m = r.msg
         if r.kind == 'plain':
             d = R_DELTA.match(m)
             if d:
-                if health is None:
-                    health = {'deltas': {}, 'waf': None, 'line': r.no, 'ts': r.ts}
-                    if cur is not None and cur.end is None and (cur.bench or cur.bench_skipped or cur.writers):
-                        health_owner = 'cycle'
-                    elif runner_case is not None:
-                        health_owner = 'runner'
+                if self.health is None:
+                    self.health = {'deltas': {}, 'waf': None, 'line': r.no, 'ts': r.ts}
+                    if self.cur is not None and self.cur.end is None and (self.cur.bench or self.cur.bench_skipped or self.cur.writers):
+                        self.health_owner = 'cycle'
+                    elif self.runner_case is not None:
+                        self.health_owner = 'runner'
                     else:
-                        health_owner = 'filler'
-                health['deltas'][d.group(1)] = int(d.group(2))
-                continue
+                        self.health_owner = 'filler'
+                self.health['deltas'][d.group(1)] = int(d.group(2))
+                return
             w = R_WAF.match(m)
             if w:
-                if health is None:
-                    health = {'deltas': {}, 'waf': None, 'line': r.no, 'ts': r.ts}
-                    health_owner = 'cycle' if cur is not None and cur.end is None else 'filler'
-                health['waf'] = _f(w.group(1))
-                close_health()
-                continue
+                if self.health is None:
+                    self.health = {'deltas': {}, 'waf': None, 'line': r.no, 'ts': r.ts}
+                    self.health_owner = 'cycle' if self.cur is not None and self.cur.end is None else 'filler'
+                self.health['waf'] = _f(w.group(1))
+                self.close_health()
+                return
             b = R_BENCH_SIZE.match(m)
             if b:
-                last_bench_size = (int(b.group(1), 16), int(b.group(2)), _f(b.group(3)))
-                continue
+                self.last_bench_size = (int(b.group(1), 16), int(b.group(2)), _f(b.group(3)))
+                return
             b = R_BENCH_SPEED.match(m)
             if b:
-                if cur is not None:
-                    cur.bench[b.group(1)] = _f(b.group(2))
-                    if last_bench_size:
-                        cur.bench_detail[b.group(1)] = last_bench_size
-                last_bench_size = None
-                continue
+                if self.cur is not None:
+                    self.cur.bench[b.group(1)] = _f(b.group(2))
+                    if self.last_bench_size:
+                        self.cur.bench_detail[b.group(1)] = self.last_bench_size
+                self.last_bench_size = None
+                return
             if m.startswith('left space is less than'):
-                if cur is not None:
-                    cur.bench_skipped = m
-                continue
-            if PLAIN_FAILURES.match(m):
-                run['failures'].append({'line': r.no, 'text': quote(r), 'ts': r.ts})
-                if cur is not None:
-                    cur.errors.append(quote(r))
-                continue
-            continue
+                if self.cur is not None:
+                    self.cur.bench_skipped = m
+                return
+            self.note_line(r)
+            return
 
         # [FLASH] bodies
         f = r.func
-        if health is not None and not (f == 'get_total_capacity'):
-            close_health()
+        if self.health is not None and not (f == 'get_total_capacity'):
+            self.close_health()
         if f in ('initialize_args', 'get_args_from_config_xml'):
             x = R_FILL_CYCLES.search(m)
             if x:
-                run['settings']['fill_cycles'] = int(x.group(1))
+                self.run['settings']['fill_cycles'] = int(x.group(1))
             x = R_LEFT.search(m)
             if x:
-                run['settings']['reserve_mib'] = int(x.group(1))
+                self.run['settings']['reserve_mib'] = int(x.group(1))
             if 'aging version is 2.0' in m:
-                run['settings']['aging_version'] = '2.0'
-            marks.setdefault('setup', r)
-            continue
+                self.run['settings']['aging_version'] = '2.0'
+            self.marks.setdefault('setup', r)
+            return
         x = R_PE.search(m) if f == 'pe_cycle_check' else None
         if x:
-            run['pe_start'] = int(x.group(1))
-            continue
+            self.run['pe_start'] = int(x.group(1))
+            return
         if f == 'initialize_flashtest_env':
             if m.startswith('Init Success!'):
-                marks['setup_ok'] = r
+                self.marks['setup_ok'] = r
             elif m.startswith('PE > 30'):
-                marks['gate'] = r
-                run['gate'] = 'wear'
+                self.marks['gate'] = r
+                self.run['gate'] = 'wear'
             elif m.startswith('Userdata partition is not mounted'):
-                marks['gate'] = r
-                run['gate'] = 'free space'
+                self.marks['gate'] = r
+                self.run['gate'] = 'free space'
             elif r.level in ('FATAL', 'ERROR'):
-                marks.setdefault('setup_fail', r)
-            continue
+                self.marks.setdefault('setup_fail', r)
+            return
         if f in ('init_result', 'init_log_file') and r.level == 'FATAL':
-            marks.setdefault('setup_fail', r)
-            continue
+            self.marks.setdefault('setup_fail', r)
+            return
         if f == 'main':
             if m.startswith('Start Flash Aging Test!'):
-                marks['tests_start'] = r
-                ev('tests', r, 'tests start')
+                self.marks['tests_start'] = r
+                self.ev('tests', r, 'tests start')
             elif m.startswith('skip flashtest!'):
-                marks['skip'] = r
+                self.marks['skip'] = r
             elif m.startswith('Init flashtest env fail'):
-                marks['env_fail'] = r
+                self.marks['env_fail'] = r
             elif m.startswith('Init flashtest testlist fail'):
-                marks['list_fail'] = r
+                self.marks['list_fail'] = r
             elif m.startswith('Run flashtest testlist fail'):
-                marks['run_fail'] = r
+                self.marks['run_fail'] = r
             elif m.startswith('Run flashtest success'):
-                marks['run_ok'] = r
-            continue
+                self.marks['run_ok'] = r
+            return
         if f == 'initialize_flash_tests':
             x = R_TEST_NUM.search(m)
             if x:
-                run['settings']['test_num'] = int(x.group(1))
-            continue
+                self.run['settings']['test_num'] = int(x.group(1))
+                self.run['left_out'].append(int(x.group(2)))     # 5 enter-H8, 6 the storage filler
+            return
         if f == 'flash_wdt_thread_start':
             x = R_WDT_CONF.search(m)
             if x:
-                run['settings'].update(test_time=int(x.group(1)), spike=int(x.group(2)),
+                self.run['settings'].update(test_time=int(x.group(1)), spike=int(x.group(2)),
                                        num_samples=int(x.group(3)), budget_s=int(x.group(4)))
-            continue
+                self.run['wdt_start'] = r.ts
+            return
         if f == 'flash_wdt_thread' and 'say test over' in m:
-            marks['wdt'] = r
-            run['watchdog_fired'] = r.ts
-            ev('watchdog', r, 'watchdog: test time over')
-            continue
+            self.marks['wdt'] = r
+            self.run['watchdog_fired'] = r.ts
+            self.ev('watchdog', r, 'watchdog: test time over')
+            return
         if f == 'flash_sigroutine':
             x = R_SIG.search(m)
-            if x and 'signal' not in marks:
-                marks['signal'] = r
+            if x and 'signal' not in self.marks:
+                self.marks['signal'] = r
                 n = int(x.group(1))
-                run['signal'] = {'number': n, 'name': SIGNALS.get(n, 'signal %d' % n)}
-                ev('signal', r, 'caught %s' % SIGNALS.get(n, 'signal %d' % n))
-            continue
+                self.run['signal'] = {'number': n, 'name': SIGNALS.get(n, 'signal %d' % n)}
+                self.ev('signal', r, 'caught %s' % SIGNALS.get(n, 'signal %d' % n))
+            return
         if f == 'flash_agingcost':
             x = R_COST.search(m)
             if x:
-                run['cost_s'] = _f(x.group(1))
-                marks['end'] = r
-            continue
+                self.run['cost_s'] = _f(x.group(1))
+                self.marks['end'] = r
+            return
         if f == 'run_flash_tests':
             x = re.match(r'case (\d+) healthinfo:', m)
             if x:
-                runner_case = int(x.group(1))
-                continue
+                self.runner_case = int(x.group(1))
+                self.marks['runner'] = r
+                return
         if f == 'enter_h8_test':
             if m.startswith('enter_h8_test begin'):
-                run['tests'].append({'name': 'enter-H8', 'start': r.ts, 'end': None})
-                ev('enter_h8', r, 'enter-H8 begins')
+                self.run['tests'].append({'name': 'enter-H8', 'start': r.ts, 'end': None, 'line': r.no})
+                self.ev('enter_h8', r, 'enter-H8 begins')
             elif m.startswith('enter_h8_test end'):
-                for t in run['tests']:
+                for t in self.run['tests']:
                     if t['name'] == 'enter-H8' and t['end'] is None:
                         t['end'] = r.ts
-                ev('enter_h8_end', r, 'enter-H8 ends')
+                self.ev('enter_h8_end', r, 'enter-H8 ends')
         if f == 'storage_filler_run' or f == 'storage_filler':
             x = R_GROUP.search(m)
             if x:
-                if not any(t['name'] == 'storage filler' for t in run['tests']):
-                    run['tests'].append({'name': 'storage filler', 'start': r.ts, 'end': None})
-                if cur is not None and cur.end is None:
-                    cur.outcome = cur.outcome or 'incomplete'
-                cur = Cycle(len(cycles) + 1, r)
-                cur.group_size = int(x.group(1))
-                cur.mix = MIXES.get(cur.group_size)
-                cur.number = None
-                cycles.append(cur)
-                runner_case = None
-                continue
+                if not any(t['name'] == 'storage filler' for t in self.run['tests']):
+                    self.run['tests'].append({'name': 'storage filler', 'start': r.ts, 'end': None})
+                if self.cur is not None and self.cur.end is None:
+                    self.cur.outcome = self.cur.outcome or 'incomplete'
+                self.cur = Cycle(len(self.cycles) + 1, r)
+                self.cur.group_size = int(x.group(1))
+                self.cur.mix = MIXES.get(self.cur.group_size)
+                self.cur.number = None
+                self.cycles.append(self.cur)
+                self.ctx.new_cycle()
+                self.runner_case = None
+                return
             x = R_BATTERY.search(m)
-            if x and cur is not None:
-                cur.battery_msgs.append((int(x.group(2)), quote(r)))
-                continue
+            if x and self.cur is not None:
+                self.cur.battery_msgs.append((int(x.group(2)), quote(r)))
+                return
             x = R_CYCLE_COST.search(m)
             if x:
-                if cur is not None:
-                    cur.number = int(x.group(1))
-                    cur.cost = _f(x.group(3))
-                    cur.end = r.ts
-                    cur.outcome = cur.outcome or 'ok'
-                    run['settings'].setdefault('fill_cycles', int(x.group(2)))
-                continue
-            if 'exit, wdt timeout' in m and cur is not None:
-                cur.outcome = 'watchdog'
-                cur.end = r.ts
-                cur.errors.append(quote(r))
-                marks['filler_wdt'] = r
-                continue
+                self.last_cycle_line = r
+                if self.cur is not None:
+                    self.cur.number = int(x.group(1))
+                    self.cur.cost = _f(x.group(3))
+                    self.cur.end = r.ts
+                    self.cur.outcome = self.cur.outcome or 'ok'
+                    self.run['settings'].setdefault('fill_cycles', int(x.group(2)))
+                return
+            if 'exit, wdt timeout' in m:
+                self.note_line(r)            # a pass: the watchdog's time is up
+                self.marks['filler_wdt'] = r
+                if self.cur is not None:
+                    self.cur.outcome = 'watchdog'
+                    self.cur.end = r.ts
+                return
             x = R_TOTAL.search(m)
             if x:
-                for t in run['tests']:
+                for t in self.run['tests']:
                     if t['name'] == 'storage filler':
                         t['end'] = r.ts
                         t['seconds'] = _f(x.group(1))
-                marks['filler_end'] = r
-                continue
+                self.marks['filler_end'] = r
+                return
         if f == 'fill_fn':
             x = R_WRITER.search(m)
-            if x and cur is not None:
-                cur.writers.append({'runs': int(x.group(1)), 'ret': int(x.group(2)), 'mib': int(x.group(3)),
+            if x and self.cur is not None:
+                self.cur.writers.append({'runs': int(x.group(1)), 'ret': int(x.group(2)), 'mib': int(x.group(3)),
                                     'mib_s': _f(x.group(4)), 'cost': _f(x.group(5)), 'ts': r.ts, 'tid': r.tid})
-                continue
+                return
         if f == 'read_disturb_file':
             x = R_READER.search(m)
-            if x and cur is not None:
-                cur.readers.append({'reads': int(x.group(1)), 'cost_1000': _f(x.group(2)), 'ts': r.ts,
+            if x and self.cur is not None:
+                self.cur.readers.append({'reads': int(x.group(1)), 'cost_1000': _f(x.group(2)), 'ts': r.ts,
                                     'tid': r.tid})
-                continue
-        if f == 'storage_filler' and m.endswith('.output is 17185'):
-            continue    # a thread the watchdog ended: a pass
-        for func, pat in FAILURE_PATTERNS:
-            if (func is None or func == f) and pat.search(m) and r.level in ('ERROR', 'FATAL', 'INFO'):
-                if r.level == 'INFO' and not pat.pattern.startswith(', FAIL') and f != 'read_disturb_file':
+                return
+        if f == 'run_flash_tests' and m.startswith('But skip driver errors'):
+            # The driver errors the line before reported are skipped: not a failure after all.
+            for x in reversed(self.run['failures']):
+                if 'index failed' in x['text']:
+                    self.run['failures'].remove(x)
+                    x.update(cls=lines.BENIGN, why='driver errors are skipped (-skip_err_state): the self.run goes on')
+                    self.run['benign'].append(x)
                     break
-                run['failures'].append({'line': r.no, 'text': quote(r), 'ts': r.ts})
-                if cur is not None and cur.end is None:
-                    if 'storage_filler cycle' in m or 'benchmark_check cycle' in m or 'healthinfo_judge cycle' in m:
-                        cur.outcome = 'fail'
-                        cur.end = r.ts
-                    cur.errors.append(quote(r))
-                break
-    close_health()
-    if cur is not None and cur.end is None and cur.outcome is None:
-        cur.outcome = 'incomplete'
+        cls = self.note_line(r)
+        if cls == lines.FAILURE and self.cur is not None and self.cur.end is None:
+            if 'storage_filler cycle' in m or 'benchmark_check cycle' in m or 'healthinfo_judge cycle' in m:
+                self.cur.outcome = 'fail'
+                self.cur.end = r.ts
 
-    # P/E count along the run: start count plus the growth each cycle's judgement saw.
-    pe = run['pe_start']
-    out_cycles = []
-    for c in cycles:
-        d = c.as_dict(pe)
-        if d['pe_after'] is not None:
-            pe = d['pe_after']
-        out_cycles.append(d)
-    run['cycles'] = out_cycles
-    run['marks'] = {k: {'line': v.no, 'ts': v.ts, 'text': quote(v)} for k, v in marks.items()}
-    run['complete'] = 'end' in marks
-    _decide_end(run, records, marks)
-    return run
+    def _snapshot(self):
+        """A copy that `result` may change: what closing the open health block and the running
+        cycle changes is copied, the rest shared (the figures are read at once)."""
+        a = copy.copy(self)
+        a.run = dict(self.run)
+        for k in ('health_checks', 'failures', 'benign'):
+            a.run[k] = list(self.run[k])
+        a.marks = dict(self.marks)
+        a.cycles = list(self.cycles)
+        a.health = copy.deepcopy(self.health)
+        if self.cur is not None:
+            a.cur = copy.copy(self.cur)
+            a.cur.deltas = dict(self.cur.deltas)
+            a.cycles[a.cycles.index(self.cur)] = a.cur
+        return a
+
+    def result(self, final=False):
+        """The run's figures so far; unless `final`, the reader may go on feeding afterwards."""
+        a = self if final else self._snapshot()
+        a.close_health()
+        cur = a.cur
+        if cur is not None and cur.end is None and cur.outcome is None:
+            cur.outcome = 'incomplete'
+        run = a.run
+        run['first_line'] = a.first.no if a.first else None
+        run['last_line'] = a.last.no if a.last else None
+        run['start'], run['end'] = a.ts_min, a.ts_max
+        # P/E count along the run: start count plus the growth each cycle's judgement saw.
+        pe = run['pe_start']
+        out_cycles = []
+        for c in a.cycles:
+            d = c.as_dict(pe)
+            if d['pe_after'] is not None:
+                pe = d['pe_after']
+            out_cycles.append(d)
+        run['cycles'] = out_cycles
+        run['marks'] = {k: {'line': v.no, 'ts': v.ts, 'text': quote(v)} for k, v in a.marks.items()}
+        run['complete'] = 'end' in a.marks
+        _decide_end(run, a, a.marks)
+        return run
 
 
-def _decide_end(run, records, marks):
+def analyse(records):
+    """Figures of one run from its records (already split into runs)."""
+    a = Analyser()
+    for r in records:
+        a.feed(r)
+    return a.result(final=True)
+
+
+def _decide_end(run, an, marks):
     """Why the run ended, with the line that shows it."""
     first_fail = run['failures'][0] if run['failures'] else None
     fc = run['settings'].get('fill_cycles')
@@ -469,14 +514,24 @@ def _decide_end(run, records, marks):
                         'allows; the last cycle\'s line:' % (pe0, pe1, pe1 - pe0, fc))
             elif n is not None and fc is not None:
                 text = ('Ended by wear: after cycle %d/%d the P/E growth since the start exceeded %d.' % (n, fc, fc))
-            rec = [r for r in records if r.kind == 'body' and R_CYCLE_COST.search(r.msg)]
-            put('wear', text, rec[-1] if rec else marks.get('filler_end'))
-        elif 'test_num' in run['settings'] and not run['tests']:
+            put('wear', text, an.last_cycle_line or marks.get('filler_end'))
+        elif 5 in run['left_out'] and 6 in run['left_out']:
             put('no-test', 'No test was selected (-n %d).' % run['settings']['test_num'], marks.get('end'))
+        elif 6 not in run['left_out'] and not cyc:
+            health = [x for x in run['benign'] if 'healthinfo_get' in x['text'] or 'monitor_tool' in x['text']]
+            run['no_aging_why'] = ('the storage filler ran no fill cycle (a fill-cycle setting below 0)'
+                                   if 'filler_end' in marks else 'the storage filler returned before its first '
+                                   'fill cycle: the health tool could not be read')
+            if 'filler_end' in marks:
+                put('no-aging', 'The storage filler ran no fill cycle (a fill-cycle setting below 0).',
+                    marks['filler_end'])
+            else:
+                put('no-aging', 'The storage filler returned before its first fill cycle: the health tool could '
+                    'not be read. The first line that says so:', health[0] if health else marks.get('end'))
         else:
             put('done', 'All selected tests ran to their end.', marks.get('run_ok') or marks.get('end'))
     else:
-        last = records[-1] if records else None
+        last = an.last
         put('incomplete', 'The log stops before the run ended (no end line): the last line it holds:', last)
     if 'signal' in marks:
         # What broke after the signal (the handler removes the work area under the readers)

@@ -1,6 +1,7 @@
 """report.html: one self-contained page per run."""
 
 import html
+import time
 
 from . import plots
 
@@ -13,6 +14,7 @@ h1{font-size:20px;margin:0 0 4px}h2{font-size:16px;margin:26px 0 8px;border-bott
 .SUCCESS{background:#e3f4e1;border:2px solid #2e7d32}.SUCCESS .word{color:#2e7d32}
 .FAIL{background:#fde4e4;border:2px solid #c62828}.FAIL .word{color:#c62828}
 .SKIP{background:#fff4d6;border:2px solid #b8860b}.SKIP .word{color:#8a6500}
+.NOAGING{background:#fff4d6;border:2px solid #b8860b}.NOAGING .word{color:#8a6500}
 .START,.UNKNOWN{background:#ffe9d9;border:2px solid #d35400}.START .word,.UNKNOWN .word{color:#d35400}
 code,.q{font-family:'DejaVu Sans Mono',monospace;font-size:12px}
 .q{background:#f4f4f4;border-left:3px solid #999;padding:4px 8px;display:block;white-space:pre-wrap;word-break:break-all}
@@ -176,15 +178,25 @@ def render(sm, run_list=None):
     vcls = v if v in ('SUCCESS', 'FAIL', 'SKIP', 'START') else 'UNKNOWN'
     meaning = {'SUCCESS': 'passed', 'FAIL': 'failed', 'SKIP': 'skipped',
                'START': 'abnormal end (the record still says START)'}.get(v, 'no verdict found')
+    pwa = sm.get('passed_without_aging')
+    if pwa:
+        vcls += ' NOAGING'
+        meaning = 'passed without aging'
     parts.append('<div class="verdict %s" id="verdict"><div class="word">%s</div><div><b>%s</b> (from the %s)<br>'
                  '%s%s</div></div>' % (
                      vcls, e(v), e(meaning), e(sm['verdict_from']), e(er['text']),
                      ('<span class="q" id="end-line">%s%s</span>' % (
                          'line %s: ' % er['line_no'] if er['line_no'] else '', e(er['line']))) if er['line'] else ''))
-    if sm.get('first_failure') and er['kind'] != 'failure':
-        ff = sm['first_failure']
-        parts.append('<div class="warnbox">First failure line of the run: <span class="q">line %s: %s</span></div>'
-                     % (e(ff['line']), e(ff['text'])))
+    if pwa:
+        parts.append('<div class="warnbox" id="no-aging"><b>Passed without aging:</b> %s. The flash was not aged: '
+                     'the verdict is a pass, but no fill cycle completed.</div>' % e(pwa['why']))
+    ff = sm.get('first_failure')
+    if ff and er['kind'] != 'failure' and v != 'SUCCESS':
+        parts.append('<div class="warnbox" id="first-failure">First failure line of the run: <span class="q">line %s: '
+                     '%s</span></div>' % (e(ff['line']), e(ff['text'])))
+    elif ff and v == 'SUCCESS':
+        parts.append('<div class="warnbox" id="went-on">The run passed after failure lines it was told to go on after '
+                     '(-test_policy); the first: <span class="q">line %s: %s</span></div>' % (e(ff['line']), e(ff['text'])))
     if sm['runs_in_log'] > 1:
         parts.append('<div class="warnbox">The log holds %d runs (appended one after the other); this page shows '
                      'run %d%s. <code>flashaging-report --run N</code> shows another, <code>--list</code> lists '
@@ -230,6 +242,7 @@ def render(sm, run_list=None):
     if many:
         parts.append('<details><summary>Table of the %d fill cycles</summary>%s</details>'
                      % (len(cycles), cycle_table(cycles)))
+    parts.append(forecast_section(sm))
     if sm['health_checks']:
         parts.append('<h2>Other health judgements</h2><table><tr><th class="l">by</th>%s<th>WAF</th></tr>%s</table>' % (
             ''.join('<th>%s +</th>' % k for k in ('readReclaim', 'badBlockRuntime', 'TBW', 'eraseCacheCntAvg',
@@ -251,9 +264,17 @@ def render(sm, run_list=None):
         ('Wall time logged by the program', dur(sm.get('cost_s')) if sm.get('cost_s') else None),
     ] if b is not None))
     if sm['failures']:
-        parts.append('<details open><summary>Failure lines (%d)</summary>%s</details>' % (
+        parts.append('<details open id="failures"><summary>Failure lines (%d)</summary>%s</details>' % (
             len(sm['failures']), ''.join('<span class="q">line %s: %s</span>' % (e(x['line']), e(x['text']))
                                          for x in sm['failures'][:20])))
+    if sm.get('benign'):
+        parts.append('<details id="benign"><summary>Lines retried or benign, not failures (%d)</summary>'
+                     '<p class="note">What the program does after each: it tries the step again, or goes on as on a '
+                     'pass.</p><table><tr><th>line</th><th class="l">kind</th><th class="l">what the program does '
+                     'next</th><th class="l">text</th></tr>%s</table></details>' % (
+                         sm['benign_count'], ''.join(
+                             '<tr><td>%s</td><td class="l">%s</td><td class="l">%s</td><td class="l"><code>%s</code></td>'
+                             '</tr>' % (e(x['line']), e(x['cls']), e(x['why']), e(x['text'])) for x in sm['benign'])))
     if sm['gaps']:
         parts.append('<details><summary>Unreadable lines (%d)</summary>%s</details>' % (
             sm['gap_count'], ''.join('<span class="q">line %s: %s</span>' % (e(x['line']), e(x['text']))
@@ -274,3 +295,56 @@ def render(sm, run_list=None):
 def _run_view(sm):
     return {'start': sm['start_ts'], 'end': sm['end_ts'], 'marks': sm['marks'], 'tests': sm['tests'],
             'cycles': sm['cycles']}
+
+
+def clock(ts, ref=None):
+    """The log's time of day (the phone's clock); with the date when it is not `ref`'s day."""
+    if ts is None:
+        return '–'
+    t = time.localtime(ts)
+    if ref is not None and time.localtime(ref)[:3] != t[:3]:
+        return time.strftime('%Y-%m-%d %H:%M:%S', t)
+    return time.strftime('%H:%M:%S', t)
+
+
+def span(lo, hi, fmt):
+    if lo is None or hi is None:
+        return '–'
+    a, b = fmt(lo), fmt(hi)
+    return a if a == b else '%s–%s' % (a, b)
+
+
+def forecast_section(sm):
+    fcs = sm.get('forecasts') or []
+    out = ['<h2>Forecast of the end</h2>']
+    if not fcs:
+        out.append('<p class="note">No forecast: no fill cycle completed.</p>')
+        return ''.join(out)
+    dl = sm.get('watchdog_deadline')
+    first = fcs[0]
+    out.append('<p class="note">After each fill cycle: the P/E growth so far against the fill-cycle setting (the '
+               'run ends by wear once the growth exceeds it), the cycles\' mean growth and time, and so the cycle '
+               'and time of day at which the run is expected to end, with a range from the smallest and largest '
+               'growth and time of the cycles so far; the watchdog ends it at %s if wear has not. Times are the '
+               'log\'s.</p>' % e(clock(dl, first['at']) if dl else 'no known deadline'))
+    head = ('<tr><th>after cycle</th><th>at</th><th>P/E growth / setting</th><th>growth per cycle</th>'
+            '<th>s per cycle</th><th>expected last cycle</th><th>range</th><th>expected end</th><th>range</th>'
+            '<th class="l">ended by</th><th>error s</th><th>error % of time left</th><th>error cycles</th></tr>')
+    rows = []
+    for f in fcs:
+        cls = '' if f.get('in_range', True) else 'warn'
+        rows.append('<tr class="%s"><td>%d</td><td>%s</td><td>%d / %d</td><td>%.2f</td><td>%s</td><td>%s</td>'
+                    '<td>%s</td><td>%s</td><td>%s</td><td class="l">%s</td><td>%s</td><td>%s</td><td>%s</td></tr>' % (
+                        cls, f['after_cycle'], e(clock(f['at'])), f['growth'], f['limit'], f['rate'],
+                        num(f['cycle_s'], '%.1f'), num(f['end_cycle'], '%d'),
+                        span(f['end_cycle_lo'], f['end_cycle_hi'], lambda x: '%d' % x),
+                        e(clock(f['end_ts'], f['at'])),
+                        e(span(f['end_ts_lo'], f['end_ts_hi'], lambda x: clock(x, f['at']))), e(f['by']),
+                        num(f.get('error_s'), '%+.1f'), num(f.get('error_pct'), '%+.1f'),
+                        num(f.get('error_cycles'), '%+d')))
+    out.append('<table id="forecast">%s%s</table>' % (head, ''.join(rows)))
+    last = fcs[-1]
+    if last.get('actual_end_ts') is not None:
+        out.append('<p class="note">The run ended after cycle %s at %s (the storage filler\'s end).</p>' % (
+            e(last['actual_end_cycle']), e(clock(last['actual_end_ts']))))
+    return ''.join(out)

@@ -3,7 +3,7 @@
 import os
 import time
 
-from . import logparse, model, runfiles
+from . import forecast, logparse, model, runfiles
 
 VERSION = 1
 
@@ -64,7 +64,7 @@ def build(run_dir, run_no=None):
 
     results = runfiles.parse_results(res_data)
     word, record_hex = runfiles.record_word(rec_data)
-    verdict, verdict_from = _verdict(run, word if last else None)
+    verdict, verdict_from = verdict_of(run, word if last else None)
 
     cycles = run['cycles']
     fills = [c['fill'].get('mib_s') for c in cycles if c['fill']]
@@ -95,6 +95,11 @@ def build(run_dir, run_no=None):
             figures['filler_waf'] = whole[-1]['waf']
     device = (results or {}).get('device', {})
     serial = device.get('serial') or ''
+    deadline = watchdog_deadline(run)
+    actual_end = None
+    if run['complete']:
+        actual_end = run['marks']['filler_end']['ts'] if 'filler_end' in run['marks'] else run['end']
+    forecasts = forecast.per_cycle(cycles, fc, deadline, actual_end, len(cycles) if actual_end else None)
     return {
         'tool': 'flashaging-report', 'version': VERSION,
         'run_dir': os.path.abspath(run_dir), 'factory_dir': os.path.abspath(fac),
@@ -108,6 +113,10 @@ def build(run_dir, run_no=None):
         'end_reason': {'kind': run['end_kind'], 'text': run['end_text'], 'line': run['end_quote'],
                        'line_no': run['end_line']},
         'first_failure': run.get('first_failure'),
+        'benign': run['benign'][:100], 'benign_count': len(run['benign']),
+        'passed_without_aging': without_aging(run, verdict, figures),
+        'forecasts': forecasts, 'forecast': forecasts[-1] if forecasts else None,
+        'watchdog_deadline': deadline,
         'settings': run['settings'], 'figures': figures,
         'cycles': cycles, 'tests': run['tests'], 'events': run['events'],
         'health_checks': run['health_checks'], 'failures': run['failures'][:50],
@@ -118,7 +127,7 @@ def build(run_dir, run_no=None):
     }
 
 
-def _verdict(run, word):
+def verdict_of(run, word):
     """The verdict: the pass/fail record's word for the log's last run, else what the log says."""
     m = run['marks']
     if 'signal' in m:
@@ -138,3 +147,28 @@ def _verdict(run, word):
     if from_log:
         return from_log, 'log'
     return 'UNKNOWN', 'none'
+
+
+def watchdog_deadline(run):
+    """When the watchdog ends the tests: its start line's time plus its budget."""
+    budget = run['settings'].get('budget_s')
+    if run.get('wdt_start') is None or budget is None:
+        return None
+    return run['wdt_start'] + max(budget, 0)
+
+
+def without_aging(run, verdict, figures):
+    """Why a passed run aged nothing (no fill cycle completed), or None."""
+    if verdict != 'SUCCESS' or figures['cycles_complete']:
+        return None
+    line = {'line': run['end_line'], 'text': run['end_quote']}
+    if run['end_kind'] == 'watchdog' or run['watchdog_fired'] is not None:
+        why = ('the watchdog ended the run at the end of its budget (%s s) before any fill cycle completed'
+               % run['settings'].get('budget_s', '?'))
+    elif run['end_kind'] == 'no-aging':
+        why = run['no_aging_why']
+    elif 6 in run['left_out']:
+        why = 'the storage filler was not selected (-n %s): no fill cycle ran' % run['settings'].get('test_num')
+    else:
+        why = 'no fill cycle completed'
+    return {'why': why, 'line': line['text'], 'line_no': line['line']}

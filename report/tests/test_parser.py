@@ -13,7 +13,7 @@ TOP = os.path.dirname(HERE)
 sys.path.insert(0, TOP)
 TOOL = os.path.join(TOP, 'flashaging-report')
 
-from flashaging_report import logparse, model, summary  # noqa: E402
+from flashaging_report import forecast, logparse, model, summary  # noqa: E402
 
 
 def p(t, tid):
@@ -287,6 +287,125 @@ class EndReasons(unittest.TestCase):
         self.assertEqual((a['end_kind'], a['gate']), ('gate', 'wear'))
         self.assertEqual(a['end_quote'],
                          "[FLASH]FATAL:initialize_flashtest_env:1 PE > 30 or get healthinfo fail, can't perform flash agingtest")
+
+
+class Classification(unittest.TestCase):
+    """Each error-looking line by what the program does after it."""
+
+    def classes(self, extra, cycles=1):
+        lines = run_lines(cycles=cycles, end=False)
+        lines[-1:-1] = extra       # before the last cycle's end line
+        a, _ = analyse(''.join(lines))
+        return ([(x['cls'], x['text'].split('] ')[-1].split(' ', 1)[-1]) for x in a['benign']],
+                [x['text'] for x in a['failures']], a)
+
+    def test_benchmark_transfers_by_errno_and_result(self):
+        benign, failures, a = self.classes([
+            'w/r fail 0, offset is 536346624, wr_size is 0, op_size is 524288\n',
+            'w/r fail 0, offset is 4096, wr_size is -1, op_size is 4096\n',
+            'write fail 28\n', 'benchmark_prepare fail -1\n', 'lseek failed 22\n'])
+        self.assertEqual([c for c, _ in benign], ['retried', 'benign', 'benign', 'benign', 'benign'])
+        self.assertEqual(failures, [])
+        self.assertNotIn('first_failure', a)
+        _, failures, _ = self.classes(['w/r fail 5, offset is 0, wr_size is -1, op_size is 4096\n',
+                                       'thread 3 fail 5\n', 'benchmark_end fail 5\n'])
+        self.assertEqual(failures, ['w/r fail 5, offset is 0, wr_size is -1, op_size is 4096',
+                                    'thread 3 fail 5', 'benchmark_end fail 5'])
+
+    def test_reader_retries_once_per_thread_and_writers_meet_a_full_disk(self):
+        rd = lambda tid, err: p(5, tid) + body('read_disturb_file', 'read file /d/7_4096_3 failed %d' % err)
+        benign, failures, _ = self.classes([
+            rd(31, 2), rd(32, 9), rd(31, 2), rd(33, 5),
+            p(6, 21) + body('random_finish_group_file', 'open /d/1_4096_9 failed 28'),
+            p(6, 22) + body('random_finish_group_file', 'write fail -1, errno is 28, free space is 1, op_size is 4096',
+                            'ERROR'),
+            p(6, 23) + body('random_finish_group_file', 'open /d/1_4096_9 failed 13'),
+            p(7, 24) + body('fill_fn', 'barrier wait failed', 'ERROR')])
+        self.assertEqual([c for c, _ in benign], ['retried', 'retried', 'benign', 'benign', 'benign'])
+        self.assertEqual([f.split('] ')[-1].split(':1 ')[-1] for f in failures],
+                         ['read file /d/7_4096_3 failed 2', 'read file /d/7_4096_3 failed 5', 'open /d/1_4096_9 failed 13'])
+
+    def test_final_judgement_after_the_watchdog_and_skipped_driver_errors_are_not_failures(self):
+        lines = run_lines(cycles=0, end=False) + [
+            p(31, 11) + body('flash_wdt_thread', '[WDT] say test over!'),
+            p(32, 2) + body('storage_filler_run', 'storage_filler cycle 0 exit, wdt timeout', 'ERROR'),
+            p(33, 2) + body('storage_filler_run', 'healthinfo_judge fail', 'ERROR'),
+            p(34, 2) + body('run_flash_tests', 'Test 0 index failed.', 'ERROR'),
+            p(34, 2) + body('run_flash_tests', 'But skip driver errors', 'ERROR'),
+            p(40, 2) + body('main', 'Run flashtest success, Go to the next way...'),
+            p(41, 2) + body('flash_agingcost', 'flash aging cost time :41.0(S) ')]
+        a, _ = analyse(''.join(lines))
+        self.assertEqual(a['failures'], [])
+        self.assertEqual([x['cls'] for x in a['benign']], ['benign'] * 4)
+        lines[6:8] = []   # without the watchdog's end the judgement fails the test
+        a, _ = analyse(''.join(lines))
+        self.assertEqual([x['text'].split(':1 ')[-1] for x in a['failures']], ['healthinfo_judge fail'])
+
+    def test_health_tool_missing_from_the_start_passes_without_aging(self):
+        lines = [p(0, 2) + body('initialize_args', 'aging version is 2.0'),
+                 p(0, 2) + body('healthinfo_get', 'fail to chmod /system/bin/monitor_tool', 'ERROR') + '\n',
+                 'healthinfo_get fail\n',
+                 p(0, 2) + body('initialize_flashtest_env', 'Init Success!'),
+                 p(0, 2) + body('main', 'Start Flash Aging Test!'),
+                 p(0, 2) + body('initialize_flash_tests', 'test_num = 6, result = 5'),
+                 p(0, 2) + body('flash_wdt_thread_start', '[WDT] test_time:3600, spike_time:1, test_smp:3, testtime:3603'),
+                 p(0, 2) + body('run_flash_tests', 'case 0 healthinfo:', 'ERROR') + '\n',
+                 p(1, 2) + body('main', 'Run flashtest success, Go to the next way...'),
+                 p(1, 2) + body('flash_agingcost', 'flash aging cost time :1.0(S) ')]
+        f = Folder(log=''.join(lines), record=b'SUCCESS\0\0\0')
+        self.assertEqual(f.tool().returncode, 0)
+        s = f.summary()
+        self.assertEqual(s['end_reason']['kind'], 'no-aging')
+        self.assertEqual(s['passed_without_aging']['why'], 'the storage filler returned before its first fill cycle: '
+                                                            'the health tool could not be read')
+        self.assertTrue(s['end_reason']['line'].endswith('fail to chmod /system/bin/monitor_tool'))
+        self.assertEqual(s['failures'], [])
+        page = open(os.path.join(f.dir, 'report.html'), encoding='utf-8').read()
+        self.assertIn('<div class="verdict SUCCESS NOAGING" id="verdict">', page)
+        self.assertIn('id="no-aging"', page)
+        self.assertNotIn('id="first-failure"', page)
+
+
+def cyc(index, number, xlc, start, end, outcome='ok'):
+    return {'index': index, 'number': number, 'health': {'eraseXLCCntAvg': xlc}, 'start': start, 'end': end,
+            'outcome': outcome, 'seconds': end - start}
+
+
+class Forecast(unittest.TestCase):
+    def test_steady_wear_ends_when_the_growth_passes_the_setting(self):
+        cycles = [cyc(1, 0, 2, 0, 100), cyc(2, 2, 2, 100, 200)]
+        f = forecast.make(cycles, 9, upto=1)
+        # 8 more P/E needed at 2 a cycle (or up to 3, the counter being whole): 3 to 4 more cycles.
+        self.assertEqual((f['after_cycle'], f['growth'], f['end_cycle'], f['by']), (1, 2, 5, 'wear'))
+        self.assertEqual((f['end_cycle_lo'], f['end_cycle_hi'], f['end_ts']), (4, 5, 500))
+        f = forecast.make(cycles, 9)
+        self.assertEqual((f['growth'], f['end_cycle'], f['end_ts']), (4, 5, 500))
+        fs = forecast.per_cycle(cycles + [cyc(3, 4, 2, 200, 310), cyc(4, 6, 2, 310, 400), cyc(5, 8, 2, 400, 500)],
+                                9, None, actual_end=505, actual_cycle=5)
+        self.assertEqual([x['end_cycle'] for x in fs], [5, 5, 5, 5, 5])
+        self.assertEqual([round(x['error_s'], 1) for x in fs], [-5.0, -5.0, 11.7, -5.0, -5.0])
+        self.assertAlmostEqual(fs[0]['error_pct'], -500.0 / 405)
+
+    def test_the_watchdog_deadline_comes_first(self):
+        cycles = [cyc(1, 0, 2, 0, 100)]
+        f = forecast.make(cycles, 9, deadline=250)
+        self.assertEqual((f['by'], f['end_ts'], f['end_cycle']), ('watchdog', 250, 3))
+        f = forecast.make(cycles, 9, deadline=450)
+        self.assertEqual((f['by'], f['end_ts_lo'], f['end_ts_hi']), ('watchdog or wear', 400, 450))
+
+    def test_a_jump_in_wear_shows_in_the_range_and_the_next_number(self):
+        # The P/E count grew by 3 more between cycle 2's judgement and cycle 3's start.
+        cycles = [cyc(1, 0, 2, 0, 100), cyc(2, 2, 2, 100, 200), cyc(3, 7, 2, 200, 300)]
+        f = forecast.make(cycles, 9, upto=2)
+        self.assertEqual((f['growth'], f['end_cycle']), (4, 5))
+        f = forecast.make(cycles, 9)
+        self.assertEqual((f['growth'], f['end_cycle'], f['end_cycle_lo'], f['end_cycle_hi']), (9, 4, 4, 4))
+        self.assertEqual(forecast.make(cycles, 6)['end_cycle'], 3)     # already past: ends now
+
+    def test_no_growth_and_no_deadline_is_no_end_in_sight(self):
+        f = forecast.make([cyc(1, 0, 0, 0, 100)], 5)
+        self.assertEqual((f['by'], f['end_ts'], f['end_cycle']), ('nothing in sight', None, None))
+        self.assertIsNone(forecast.make([cyc(1, 0, 2, 0, 100, outcome='incomplete')], 5))
 
 
 if __name__ == '__main__':

@@ -29,6 +29,7 @@ SCENARIOS = {
     'hot': ('Filler.HotBatteryHoldsTheCycleAndTheWatchdogEndIsAPass', 'hot'),
     'full-disk': ('Filler.FullPartitionEndsEachFillCleanly', 'full-disk'),
     'sigterm': ('AbnormalEnd.SigtermDuringTheFillerKeepsStartAndDumpsTheBuffers', 'sigterm'),
+    'no-health-tool': (None, 'default', 'health_tool = no'),
 }
 RUNS = {}
 R_READ_LINE = re.compile(r'read_disturb_file:\d+ read_times is \d+, average 1000 times cost ')
@@ -55,11 +56,12 @@ def complete(d):
 def run_dir(name):
     if name in RUNS:
         return RUNS[name]
-    e2e, profile = SCENARIOS[name]
-    d = os.path.join(E2E_OUT, e2e) if E2E_OUT else ''
+    e2e, profile = SCENARIOS[name][:2]
+    sets = ['--set', SCENARIOS[name][2]] if len(SCENARIOS[name]) > 2 else []
+    d = os.path.join(E2E_OUT, e2e) if E2E_OUT and e2e else ''
     if not (d and complete(d)):
         d = os.path.join(OUT, 'sim-' + name)
-        r = subprocess.run([SIM, 'run', '--profile', os.path.join(PROFILES, profile), '--out', d],
+        r = subprocess.run([SIM, 'run', '--profile', os.path.join(PROFILES, profile), '--out', d] + sets,
                            capture_output=True, text=True, timeout=1800)
         assert r.returncode == 0, r.stdout + r.stderr
         # The simulator names the report as the last line of its summary.
@@ -170,6 +172,23 @@ class SimulatedRuns(unittest.TestCase):
         self.assertIn(sm['results_file']['health']['eraseXLCCntAvg'] - sm['figures']['pe_end'], (0, 1))
         self.assertIn('Ended by wear', page)
         self.assertEqual(page.count('<svg'), 5)   # timeline, fill, benchmark, health, readers
+        # A pass is no failure: no failure box; the benchmark's retried reads (a read at the end of
+        # the shared file that moved nothing, result 0) are listed apart, never as failures.
+        self.assertEqual(sm['failures'], [])
+        self.assertIsNone(sm['first_failure'])
+        self.assertNotIn('First failure line', page)
+        self.assertIsNone(sm['passed_without_aging'])
+        retried = [l for l in log_lines(run_dir('default')) if re.match(r'w/r fail 0, .* wr_size is 0, ', l)]
+        self.assertEqual([x['text'] for x in sm['benign'] if x['cls'] == 'retried'], retried)
+        if retried:
+            self.assertIn('id="benign"', page)
+        # The forecast after each cycle, and how far it was from the end.
+        self.assertEqual([f['after_cycle'] for f in sm['forecasts']], [1, 2, 3])
+        self.assertEqual(sm['forecasts'][-1]['end_cycle'], 3)
+        for f in sm['forecasts']:
+            self.assertEqual((f['by'], f['actual_end_cycle']), ('wear', 3))
+            self.assertAlmostEqual(f['error_s'], f['end_ts'] - f['actual_end_ts'])
+        self.assertEqual(len(re.findall(r'<table id="forecast">.*?</table>', page, re.S)), 1)
 
     def test_hot_battery_wait_follows_the_temperature_schedule(self):
         sm, page, _ = report('hot')
@@ -210,6 +229,18 @@ class SimulatedRuns(unittest.TestCase):
         self.assertRegex(sm['end_reason']['line'], r'\[FLASH\]ERROR:flash_sigroutine:\d+ SIG 15 catched$')
         self.assertIn(sm['cycles'][-1]['outcome'], ('incomplete', 'ok'))
         self.assertIsNone(sm.get('first_failure'))
+
+    def test_health_tool_missing_from_the_start_is_a_pass_without_aging(self):
+        sm, page, _ = report('no-health-tool')
+        self.check_common('no-health-tool', sm, page)
+        self.assertEqual((sm['verdict'], sm['end_reason']['kind']), ('SUCCESS', 'no-aging'))
+        self.assertEqual(sm['passed_without_aging']['why'], 'the storage filler returned before its first fill '
+                                                             'cycle: the health tool could not be read')
+        self.assertRegex(sm['end_reason']['line'], r'\[FLASH\]ERROR:healthinfo_get:\d+ fail to chmod '
+                                                   r'/system/bin/monitor_tool$')
+        self.assertEqual((sm['cycles'], sm['failures'], sm['forecasts']), ([], [], []))
+        self.assertIn('<div class="verdict SUCCESS NOAGING" id="verdict">', page)
+        self.assertIn('<b>Passed without aging:</b> the storage filler returned before its first fill cycle', page)
 
     def test_full_disk_run_skips_the_benchmark(self):
         sm, page, _ = report('full-disk')
@@ -330,6 +361,32 @@ class Batch(unittest.TestCase):
         n = db.execute("SELECT COUNT(*) FROM cycles WHERE serial = 'SIMSLOW9'").fetchone()[0]
         self.assertEqual(n, 3)
         db.close()
+
+
+class BatchWithoutAging(unittest.TestCase):
+    def test_passes_without_aging_are_counted_apart(self):
+        d = os.path.join(OUT, 'batch-no-aging')
+        shutil.rmtree(d, ignore_errors=True)
+        os.makedirs(d)
+        dirs = []
+        for serial, src in (('SIMAGED01', 'default'), ('SIMAGED02', 'default'), ('SIMNOAGE1', 'no-health-tool')):
+            dirs.append(os.path.join(d, serial))
+            make_phone(run_dir(src), dirs[-1], serial)
+        r = subprocess.run([TOOL, 'batch', '--out', d] + dirs, capture_output=True, text=True, timeout=600)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(r.stdout.splitlines()[0], '%s/batch.html (3 phones added, 0 left out, 3 in the database; '
+                         '0 flagged; 1 passed without aging)' % os.path.abspath(d))
+        page = read(os.path.join(d, 'batch.html'))
+        self.assertIn('<table id="verdicts"><tr><th>SUCCESS</th><th>passed without aging</th><th>FAIL</th><th>SKIP'
+                      '</th><th>START</th><th>UNKNOWN</th></tr><tr><td>2</td><td>1</td><td>0</td><td>0</td><td>0</td>'
+                      '<td>0</td></tr></table>', page)
+        self.assertIn('<li><b>SIMNOAGE1</b>: the storage filler returned before its first fill cycle: the health '
+                      'tool could not be read</li>', page)
+        import sqlite3
+        db = sqlite3.connect(os.path.join(d, 'batch.sqlite'))
+        rows = db.execute('SELECT serial, verdict, no_aging IS NOT NULL FROM phones ORDER BY serial').fetchall()
+        db.close()
+        self.assertEqual(rows, [('SIMAGED01', 'SUCCESS', 0), ('SIMAGED02', 'SUCCESS', 0), ('SIMNOAGE1', 'SUCCESS', 1)])
 
 
 CHROMIUM_FLAGS = ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
