@@ -159,28 +159,21 @@ bool state_matches(const std::string &state, long syscall_no) {
     return false;
 }
 
-// A thread that blocks the asynchronous signals that the program never blocks (SIGCHLD,
-// SIGWINCH, SIGURG, SIGPIPE, SIGUSR2, with SIGINT and SIGTERM) is not the program's: the CPU
-// emulator's own threads block every signal but the faults of their own code.
-bool emulator_thread(pid_t pid, pid_t tid) {
-    std::string status;
-    if (!read_file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/status", status)) return false;
-    size_t at = status.find("SigBlk:");
-    if (at == std::string::npos) return false;
-    unsigned long long mask = strtoull(status.c_str() + at + 7, nullptr, 16);
-    unsigned long long wanted = 0;
-    for (int sig : {SIGCHLD, SIGWINCH, SIGURG, SIGPIPE, SIGUSR2, SIGINT, SIGTERM}) wanted |= 1ULL << (sig - 1);
-    return (mask & wanted) == wanted;
+// Whether the program runs through a CPU emulator (its process then bears the emulator's name).
+bool emulated(pid_t pid) {
+    std::string comm;
+    return read_file("/proc/" + std::to_string(pid) + "/comm", comm) && trim(comm) != "flashaging";
 }
 
-// The program's threads in the order of creation (tid order), its main thread first.
+// The program's threads in the order of creation (tid order), its main thread first. Under
+// qemu-user the process has one thread of the emulator's own, started before the program's
+// code runs, so always the second in tid order: it has no place. (Its signal mask cannot tell
+// it apart: the emulator blocks every signal in any thread while it changes a mask.)
 std::vector<pid_t> program_threads(pid_t pid) {
     std::vector<pid_t> tids = numbered_entries("/proc/" + std::to_string(pid) + "/task");
     std::sort(tids.begin(), tids.end());
-    std::vector<pid_t> out;
-    for (pid_t tid : tids)
-        if (tid == pid || !emulator_thread(pid, tid)) out.push_back(tid);
-    return out;
+    if (tids.size() > 1 && emulated(pid)) tids.erase(tids.begin() + 1);
+    return tids;
 }
 
 struct FoundThread {
