@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -72,7 +73,24 @@ struct ExecPlan {
     std::vector<std::string> env;
     int in_fd = -1, out_fd = -1;
     bool own_group = false;
+    bool emulated = false;  // argv[0] is a CPU emulator that runs the program
 };
+
+// Sends a signal meant for the whole process. A kernel gives it to a thread that lets it in;
+// qemu-user does not: it leaves it with whichever thread the host picked, also one that holds
+// it back, sometimes until the run's end. So under an emulator it goes to the main thread, the
+// one a kernel picks in these runs (it waits in joins), while that thread lives; after, to
+// the process.
+void signal_program(const ExecPlan &plan, pid_t child, int sig) {
+    if (plan.emulated) {
+        std::string stat;
+        const std::string path = plan.root + "/sim/proc/" + std::to_string(child) + "/stat";
+        size_t close = read_file(path, stat) ? stat.rfind(')') : std::string::npos;
+        const bool main_alive = close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
+        if (main_alive && syscall(SYS_tgkill, child, child, sig) == 0) return;
+    }
+    kill(child, sig);
+}
 
 [[noreturn]] void exec_in_phone(const ExecPlan &plan) {
     if (plan.own_group) setpgid(0, 0);
@@ -129,7 +147,7 @@ struct ExecPlan {
             unsigned char sig = 0;
             ssize_t n = read(ctrl_rd, &sig, 1);
             if (n == 0) _exit(1);  // the simulator is gone: end the phone
-            if (n == 1) kill(child, sig);
+            if (n == 1) signal_program(plan, child, sig);
         }
         int status = 0;
         pid_t pid;
@@ -275,7 +293,9 @@ int phone_main(const PhoneSpec &s) {
     } else {
         plan.argv = s.command;
     }
+    const size_t plain_argc = plan.argv.size();
     plan.argv = through_emulator(s, plan.argv);  // a foreign executable runs through its emulator
+    plan.emulated = plan.argv.size() != plain_argc;
     plan.in_fd = in_fd;
     plan.out_fd = out_fd;
 
