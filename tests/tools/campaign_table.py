@@ -57,7 +57,7 @@ def main(path):
         result[m.group(2)] = ('campaign' if m.group(1) in ('Signals', 'Faults') else 'campaign-full',
                               m.group(3).strip('*'), m.group(4))
     if not result:  # LastTest.log: "N/M Test: NAME" blocks with "Test Passed." / "Test time ="
-        for m in re.finditer(r'Test: (\S+)/Campaign\.KeepsItsPromises/(\S+)\n.*?Test time = +([\d.]+) sec\n-+\n'
+        for m in re.finditer(r'Test: (\S+)/Campaign\.KeepsItsPromises/(\S+)[^\n]*\n.*?Test time = +([\d.]+) sec\n-+\n'
                              r'(Test Passed|Test Failed)', text, re.S):
             result[m.group(2)] = ('campaign' if m.group(1) in ('Signals', 'Faults') else 'campaign-full',
                                   'Passed' if m.group(4) == 'Test Passed' else 'Failed', m.group(3))
