@@ -22,12 +22,14 @@ bool cross_build() { return FLASHAGING_EMULATOR[0] != '\0'; }
 // counts, amounts a writer happened to fill, the health counters' growth, which follows the
 // bytes the writers' random choices put down) every number is masked. Lines that only the
 // host's load brings are left out: a transfer of the benchmark tried again after another
-// worker moved the shared file position, and a writer's 10 s give-up at the barrier.
+// worker moved the shared file position, a writer's 10 s give-up at the barrier, and a
+// reader's count line, which it prints only after 1000 good reads (an emulated reader may
+// not get there within a fill).
 std::vector<std::string> comparable_log(const std::string &log) {
     static const std::regex measured(R"(speed is|cost|read_times is|runs \d+, ret|^delta \w+ is |^WAF is )");
     static const std::regex prefix(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\]\[\d+\])");
     static const std::regex timing(
-        R"(w/r fail 0, .* wr_size is 0, |barrier wait failed|Wait the barrier cond failed with 110)");
+        R"(w/r fail 0, .* wr_size is 0, |barrier wait failed|Wait the barrier cond failed with 110|read_times is )");
     static const std::regex number(R"(\d+(\.\d+)?)");
     std::vector<std::string> lines;
     std::istringstream in(std::regex_replace(log, prefix, ""));
