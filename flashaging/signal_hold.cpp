@@ -1,5 +1,7 @@
 #include "flashaging/signal_hold.h"
 
+#include <malloc.h>
+
 #include <cerrno>
 #include <cstdlib>
 
@@ -67,3 +69,121 @@ int held_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const stru
     }
 }
 
+void *held_malloc(size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = malloc(size);
+    release_caught_signals(&saved);
+    return p;
+}
+
+void *held_calloc(size_t count, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = calloc(count, size);
+    release_caught_signals(&saved);
+    return p;
+}
+
+void *held_aligned_alloc(size_t alignment, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = aligned_alloc(alignment, size);
+    release_caught_signals(&saved);
+    return p;
+}
+
+void *held_memalign(size_t alignment, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = memalign(alignment, size);
+    release_caught_signals(&saved);
+    return p;
+}
+
+void held_free(void *p) {
+    if (p == nullptr) return;
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    free(p);
+    release_caught_signals(&saved);
+}
+
+int held_rand() {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int r = rand();
+    release_caught_signals(&saved);
+    return r;
+}
+
+void held_srand(unsigned seed) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    srand(seed);
+    release_caught_signals(&saved);
+}
+
+int held_system(const char *command) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = system(command);
+    release_caught_signals(&saved);
+    return rc;
+}
+
+FILE *held_popen(const char *command, const char *mode) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    FILE *f = popen(command, mode);
+    release_caught_signals(&saved);
+    return f;
+}
+
+int held_pclose(FILE *stream) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = pclose(stream);
+    release_caught_signals(&saved);
+    return rc;
+}
+
+FILE *held_fopen(const char *path, const char *mode) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    FILE *f = fopen(path, mode);
+    release_caught_signals(&saved);
+    return f;
+}
+
+int held_fclose(FILE *stream) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = fclose(stream);
+    release_caught_signals(&saved);
+    return rc;
+}
+
+char *held_fgets(char *line, int size, FILE *stream) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    char *r = fgets(line, size, stream);
+    release_caught_signals(&saved);
+    return r;
+}
+
+int held_setvbuf(FILE *stream, char *buf, int mode, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = setvbuf(stream, buf, mode, size);
+    release_caught_signals(&saved);
+    return rc;
+}
+
+int held_pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *), void *arg) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = pthread_create(thread, attr, body, arg);
+    release_caught_signals(&saved);
+    return rc;
+}
