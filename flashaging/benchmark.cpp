@@ -17,7 +17,6 @@
 #include "flashaging/environment.h"
 #include "flashaging/log.h"
 #include "flashaging/pattern.h"
-#include "flashaging/signal_hold.h"
 
 namespace {
 
@@ -28,13 +27,19 @@ constexpr int32_t kRandSize = 0x1000;          // 4 KiB
 constexpr uint32_t kSeqCount = 1024;
 constexpr uint32_t kRandCount = 16384;
 
-// The next transfer number of the running mode; guarded by the spin lock below, which each
-// mode sets up afresh before its workers start (a zero-filled lock is not an unlocked one in
-// every C library) and never destroys. Every section under it is a few instructions with
-// the caught signals held: a worker ended inside one would leave the others spinning for
-// ever.
+// The next transfer number of the running mode; guarded by the lock below.
 uint32_t g_bench_next;
-pthread_spinlock_t g_bench_lock;
+
+// Process-wide spin lock, set up once on first use and never destroyed.
+pthread_spinlock_t *bench_lock() {
+    static pthread_spinlock_t lock;
+    static const bool ready = [] {
+        pthread_spin_init(&lock, PTHREAD_PROCESS_PRIVATE);
+        return true;
+    }();
+    (void)ready;
+    return &lock;
+}
 
 float monotonic_seconds() {
     timespec ts {};
@@ -46,25 +51,25 @@ float monotonic_seconds() {
 // Writes the mode's 512 MiB file with the pattern of the group. Returns false after a
 // failure, which has been printed.
 bool prepare_file(int fd) {
-    auto *buf = static_cast<uint8_t *>(held_aligned_alloc(4096, kPrepareBufSize));
+    auto *buf = static_cast<uint8_t *>(aligned_alloc(4096, kPrepareBufSize));
     if (buf == nullptr) {
         flash_printf("malloc size %d fail\n", kPrepareBufSize);
         close(fd);
         flash_printf("benchmark_prepare fail %d\n", -1);
         return false;
     }
-    fill_unit_buffer(random_get_file_desc(held_rand()), buf, kPrepareBufSize);
+    fill_unit_buffer(random_get_file_desc(rand()), buf, kPrepareBufSize);
     for (int i = 0; i < kPrepareWrites; ++i) {
         if (write(fd, buf, kPrepareBufSize) != kPrepareBufSize) {
             flash_printf("write fail %d\n", errno);
             close(fd);
-            held_free(buf);
+            free(buf);
             flash_printf("benchmark_prepare fail %d\n", -1);
             return false;
         }
     }
     fsync(fd);
-    held_free(buf);
+    free(buf);
     return true;
 }
 
@@ -105,58 +110,50 @@ void bench_totals(const bench_worker *workers, int n, uint64_t *total, float *el
 }
 
 void bench_reset_transfers() {
-    // No worker runs now.
-    pthread_spin_init(&g_bench_lock, PTHREAD_PROCESS_PRIVATE);
+    pthread_spin_lock(bench_lock());
     g_bench_next = 0;
+    pthread_spin_unlock(bench_lock());
 }
 
 uint32_t bench_transfers_taken() {
-    sigset_t saved;
-    hold_caught_signals(&saved);
-    pthread_spin_lock(&g_bench_lock);
+    pthread_spin_lock(bench_lock());
     uint32_t n = g_bench_next;
-    pthread_spin_unlock(&g_bench_lock);
-    release_caught_signals(&saved);
+    pthread_spin_unlock(bench_lock());
     return n;
 }
 
 void *benchmark_fn(void *arg) {
-    let_caught_signals_in();  // started inside a hold
     auto *w = static_cast<bench_worker *>(arg);
     const int32_t size = w->sequential ? kSeqSize : kRandSize;
     const uint32_t count = w->sequential ? kSeqCount : kRandCount;
 
-    auto *buf = static_cast<uint8_t *>(held_aligned_alloc(4096, static_cast<size_t>(size)));
+    auto *buf = static_cast<uint8_t *>(aligned_alloc(4096, static_cast<size_t>(size)));
     if (buf == nullptr) {
         flash_printf("malloc size %d fail\n", size);
         return nullptr;
     }
-    fill_unit_buffer(random_get_file_desc(held_rand()), buf, size);
+    fill_unit_buffer(random_get_file_desc(rand()), buf, size);
     w->start = monotonic_seconds();
+    int32_t r = rand();
     uint64_t bytes = 0;
 
     // The lock guards only the taking of a transfer number; every I/O runs outside it. The
     // eight workers share the descriptor and its position: the seek and the transfer are not
-    // one step, on purpose (the figure is the point, not the exact placement). From the draw
-    // to the unlock the caught signals are held (one hold per transfer).
-    sigset_t saved;
-    hold_caught_signals(&saved);
-    int32_t r = rand();
+    // one step, on purpose (the figure is the point, not the exact placement).
     bool locked = true;
-    pthread_spin_lock(&g_bench_lock);
+    pthread_spin_lock(bench_lock());
     uint32_t n = g_bench_next;
     while (n < count) {
         const uint64_t offset = bench_offset(w->sequential, n, r);
         g_bench_next = n + 1;
-        pthread_spin_unlock(&g_bench_lock);
-        release_caught_signals(&saved);
+        pthread_spin_unlock(bench_lock());
         locked = false;
 
         ssize_t done;
         for (;;) {
             if (lseek(w->fd, static_cast<off_t>(offset), SEEK_SET) < 0) {
                 flash_printf("lseek failed %d\n", errno);
-                held_free(buf);
+                free(buf);
                 return nullptr;
             }
             done = w->write ? write(w->fd, buf, static_cast<size_t>(size))
@@ -174,20 +171,17 @@ void *benchmark_fn(void *arg) {
             break;
 
         bytes += static_cast<uint64_t>(done);
-        hold_caught_signals(&saved);
         r = rand();
-        pthread_spin_lock(&g_bench_lock);
+        pthread_spin_lock(bench_lock());
         locked = true;
         n = g_bench_next;
     }
-    if (locked) {
-        pthread_spin_unlock(&g_bench_lock);
-        release_caught_signals(&saved);
-    }
+    if (locked)
+        pthread_spin_unlock(bench_lock());
 
     w->end = monotonic_seconds();
     w->bytes = bytes;
-    held_free(buf);
+    free(buf);
     return nullptr;
 }
 
@@ -200,7 +194,7 @@ int benchmark_check() {
 
     for (int mode = 0; mode < kBenchModes; ++mode) {
         const bench_mode m = bench_mode_of(mode);
-        auto *workers = static_cast<bench_worker *>(held_calloc(kBenchWorkers, sizeof(bench_worker)));
+        auto *workers = static_cast<bench_worker *>(calloc(kBenchWorkers, sizeof(bench_worker)));
         if (workers == nullptr) {
             flash_printf("malloc size %d fail\n",
                          static_cast<int>(kBenchWorkers * sizeof(bench_worker)));
@@ -212,7 +206,7 @@ int benchmark_check() {
         mkdir(paths::kBenchmarkDir, 0600);
 
         char path[64] = {};
-        snprintf(path, sizeof(path), "%s%d", paths::kBenchmarkDir, held_rand());
+        snprintf(path, sizeof(path), "%s%d", paths::kBenchmarkDir, rand());
 
         bench_reset_transfers();
 
@@ -220,11 +214,11 @@ int benchmark_check() {
         if (fd < 0) {
             flash_printf("open %s fail %d\n", path, errno);
             flash_printf("benchmark_prepare fail %d\n", fd);
-            held_free(workers);
+            free(workers);
             return 0;
         }
         if (!prepare_file(fd)) {
-            held_free(workers);
+            free(workers);
             return 0;
         }
 
@@ -235,7 +229,7 @@ int benchmark_check() {
             workers[i].fd = fd;
             workers[i].sequential = m.sequential ? 1 : 0;
             workers[i].write = m.write ? 1 : 0;
-            int rc = held_pthread_create(&handles[i], nullptr, benchmark_fn, &workers[i]);
+            int rc = pthread_create(&handles[i], nullptr, benchmark_fn, &workers[i]);
             if (rc != 0) {
                 flash_printf("create BENCH_THREAD %d fail %d\n", i, rc);
                 continue;
@@ -257,7 +251,7 @@ int benchmark_check() {
             int32_t result = workers[i].result;
             flash_printf("thread %d fail %d\n", static_cast<int>(workers[i].index), result);
             flash_printf("benchmark_end fail %d\n", result);
-            held_free(workers);
+            free(workers);
             return result;
         }
 
@@ -269,7 +263,7 @@ int benchmark_check() {
                      static_cast<double>(elapsed));
         flash_printf("%s: ==== speed is %.2fMB/s ====\n", m.name,
                      static_cast<double>(static_cast<float>(total >> 20) / elapsed));
-        held_free(workers);
+        free(workers);
     }
     return 0;
 }
