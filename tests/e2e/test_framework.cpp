@@ -72,11 +72,12 @@ TEST(Runner, WatchdogEndsTheFillerEarlyAndItIsAPass) {
 }
 
 TEST(AbnormalEnd, SigtermDuringTheFillerKeepsStartAndDumpsTheBuffers) {
-    // The signal comes as the filler's benchmark begins, so no writer is creating pattern
-    // files while the handler removes their directory. The handler ends the main thread; the
-    // process ends when the watchdog's 45 s run out.
+    // The signal comes once the benchmark's first workers are at work (the main thread waits
+    // to join them), so no writer is creating pattern files while the handler removes their
+    // directory. The handler ends the main thread; the process ends when the watchdog's 45 s
+    // run out.
     auto r = e2e::run("short", {"seed_result = SUCCESS", "arg = -n 6", "arg = -s 45",
-                                "signal = TERM@/data/format_unclear/file_benchmark"});
+                                "signal = TERM@/data/format_unclear/file_benchmark then thread:2-9:io"});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     EXPECT_NE(r.log.find("[FLASH]ERROR:flash_sigroutine:"), std::string::npos) << r.log;
     EXPECT_NE(r.log.find(" SIG 15 catched\n\n"), std::string::npos) << r.log;
