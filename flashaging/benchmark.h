@@ -41,7 +41,7 @@ uint64_t bench_offset(bool sequential, uint32_t n, int32_t r);
 // and the latest end minus the earliest start in single precision.
 void bench_totals(const bench_worker *workers, int n, uint64_t *total, float *elapsed);
 
-// The transfer counter of the running mode: reset at each mode's start, and the number of
-// transfers taken so far (printed as "file num").
+// The transfer counter of the running mode: reset (with its lock) at each mode's start while
+// no worker runs, and the number of transfers taken so far (printed as "file num").
 void bench_reset_transfers();
 uint32_t bench_transfers_taken();

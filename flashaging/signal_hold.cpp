@@ -1,0 +1,189 @@
+#include "flashaging/signal_hold.h"
+
+#include <malloc.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace {
+
+constexpr long kSliceNs = 200L * 1000 * 1000;
+
+void caught_set(sigset_t *set) {
+    sigemptyset(set);
+    for (int sig : kCaughtSignals) sigaddset(set, sig);
+}
+
+}  // namespace
+
+void hold_caught_signals(sigset_t *saved) {
+    sigset_t caught;
+    caught_set(&caught);
+    pthread_sigmask(SIG_BLOCK, &caught, saved);
+}
+
+void release_caught_signals(const sigset_t *saved) {
+    const int err = errno;
+    pthread_sigmask(SIG_SETMASK, saved, nullptr);
+    errno = err;
+}
+
+void let_caught_signals_in() {
+    sigset_t caught;
+    caught_set(&caught);
+    pthread_sigmask(SIG_UNBLOCK, &caught, nullptr);
+}
+
+bool caught_signal_pending() {
+    sigset_t pending;
+    sigemptyset(&pending);
+    if (sigpending(&pending) != 0) return false;
+    for (int sig : kCaughtSignals)
+        if (sigismember(&pending, sig) == 1) return true;
+    return false;
+}
+
+int held_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const struct timespec *deadline,
+                        const sigset_t *saved) {
+    for (;;) {
+        struct timespec slice {};
+        clock_gettime(CLOCK_REALTIME, &slice);
+        slice.tv_nsec += kSliceNs;
+        if (slice.tv_nsec >= 1000000000L) {
+            slice.tv_sec += 1;
+            slice.tv_nsec -= 1000000000L;
+        }
+        const bool last = slice.tv_sec > deadline->tv_sec ||
+                          (slice.tv_sec == deadline->tv_sec && slice.tv_nsec >= deadline->tv_nsec);
+        const int rc = pthread_cond_timedwait(cond, mutex, last ? deadline : &slice);
+        if (rc != ETIMEDOUT || last) return rc;
+        if (caught_signal_pending()) {
+            // The handler runs here, holding nothing, and ends the thread. Should it come back
+            // (a handler of someone else's), the wait goes on.
+            pthread_mutex_unlock(mutex);
+            release_caught_signals(saved);
+            sigset_t again;
+            hold_caught_signals(&again);
+            pthread_mutex_lock(mutex);
+        }
+    }
+}
+
+void *held_malloc(size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = malloc(size);
+    release_caught_signals(&saved);
+    return p;
+}
+
+void *held_calloc(size_t count, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = calloc(count, size);
+    release_caught_signals(&saved);
+    return p;
+}
+
+void *held_aligned_alloc(size_t alignment, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = aligned_alloc(alignment, size);
+    release_caught_signals(&saved);
+    return p;
+}
+
+void *held_memalign(size_t alignment, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = memalign(alignment, size);
+    release_caught_signals(&saved);
+    return p;
+}
+
+void held_free(void *p) {
+    if (p == nullptr) return;
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    free(p);
+    release_caught_signals(&saved);
+}
+
+int held_rand() {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int r = rand();
+    release_caught_signals(&saved);
+    return r;
+}
+
+void held_srand(unsigned seed) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    srand(seed);
+    release_caught_signals(&saved);
+}
+
+int held_system(const char *command) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = system(command);
+    release_caught_signals(&saved);
+    return rc;
+}
+
+FILE *held_popen(const char *command, const char *mode) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    FILE *f = popen(command, mode);
+    release_caught_signals(&saved);
+    return f;
+}
+
+int held_pclose(FILE *stream) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = pclose(stream);
+    release_caught_signals(&saved);
+    return rc;
+}
+
+FILE *held_fopen(const char *path, const char *mode) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    FILE *f = fopen(path, mode);
+    release_caught_signals(&saved);
+    return f;
+}
+
+int held_fclose(FILE *stream) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = fclose(stream);
+    release_caught_signals(&saved);
+    return rc;
+}
+
+char *held_fgets(char *line, int size, FILE *stream) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    char *r = fgets(line, size, stream);
+    release_caught_signals(&saved);
+    return r;
+}
+
+int held_setvbuf(FILE *stream, char *buf, int mode, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = setvbuf(stream, buf, mode, size);
+    release_caught_signals(&saved);
+    return rc;
+}
+
+int held_pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *), void *arg) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = pthread_create(thread, attr, body, arg);
+    release_caught_signals(&saved);
+    return rc;
+}
