@@ -19,8 +19,11 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <malloc.h>
+
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 // The ten signals the abnormal-end handler is installed for, in the order of installation.
@@ -47,31 +50,133 @@ int held_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const stru
 
 // ---- C library calls with the caught signals held ------------------------------------------
 // Each takes the lock or the process-wide state named above for the length of the call
-// only. errno is the call's own.
-
-void *held_malloc(size_t size);
-void *held_calloc(size_t count, size_t size);
-void *held_aligned_alloc(size_t alignment, size_t size);
-void *held_memalign(size_t alignment, size_t size);
-void held_free(void *p);
-
-int held_rand();
-void held_srand(unsigned seed);
-
+// only; errno is the call's own. Always inlined, so that the call comes from the function
+// that makes it (as a fault injector sees the program's calls).
 // The shell of system() and popen() starts with the held mask (the C library hands the
-// caller's mask on); the commands of this program need no signal.
-int held_system(const char *command);
-FILE *held_popen(const char *command, const char *mode);
-int held_pclose(FILE *stream);
-FILE *held_fopen(const char *path, const char *mode);
-int held_fclose(FILE *stream);
-char *held_fgets(char *line, int size, FILE *stream);
-int held_setvbuf(FILE *stream, char *buf, int mode, size_t size);
-
-// A thread inherits the mask of the moment it is started: one started here (or inside any
-// other hold) begins with the caught signals held, and each thread body of the program lets
-// them in first thing (let_caught_signals_in), as a thread started outside a hold has them.
-int held_pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *), void *arg);
+// caller's mask on); the commands of this program need no signal. A thread inherits the mask
+// of the moment it is started: one started here (or inside any other hold) begins with the
+// caught signals held, and each thread body of the program lets them in first thing
+// (let_caught_signals_in), as a thread started outside a hold has them.
 
 // Lets the caught signals in for the calling thread (the first step of every thread body).
 void let_caught_signals_in();
+
+[[gnu::always_inline]] inline void *held_malloc(size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = malloc(size);
+    release_caught_signals(&saved);
+    return p;
+}
+
+[[gnu::always_inline]] inline void *held_calloc(size_t count, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = calloc(count, size);
+    release_caught_signals(&saved);
+    return p;
+}
+
+[[gnu::always_inline]] inline void *held_aligned_alloc(size_t alignment, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = aligned_alloc(alignment, size);
+    release_caught_signals(&saved);
+    return p;
+}
+
+[[gnu::always_inline]] inline void *held_memalign(size_t alignment, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = memalign(alignment, size);
+    release_caught_signals(&saved);
+    return p;
+}
+
+[[gnu::always_inline]] inline void held_free(void *p) {
+    if (p == nullptr) return;
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    free(p);
+    release_caught_signals(&saved);
+}
+
+[[gnu::always_inline]] inline int held_rand() {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int r = rand();
+    release_caught_signals(&saved);
+    return r;
+}
+
+[[gnu::always_inline]] inline void held_srand(unsigned seed) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    srand(seed);
+    release_caught_signals(&saved);
+}
+
+[[gnu::always_inline]] inline int held_system(const char *command) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = system(command);
+    release_caught_signals(&saved);
+    return rc;
+}
+
+[[gnu::always_inline]] inline FILE *held_popen(const char *command, const char *mode) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    FILE *f = popen(command, mode);
+    release_caught_signals(&saved);
+    return f;
+}
+
+[[gnu::always_inline]] inline int held_pclose(FILE *stream) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = pclose(stream);
+    release_caught_signals(&saved);
+    return rc;
+}
+
+[[gnu::always_inline]] inline FILE *held_fopen(const char *path, const char *mode) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    FILE *f = fopen(path, mode);
+    release_caught_signals(&saved);
+    return f;
+}
+
+[[gnu::always_inline]] inline int held_fclose(FILE *stream) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = fclose(stream);
+    release_caught_signals(&saved);
+    return rc;
+}
+
+[[gnu::always_inline]] inline char *held_fgets(char *line, int size, FILE *stream) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    char *r = fgets(line, size, stream);
+    release_caught_signals(&saved);
+    return r;
+}
+
+[[gnu::always_inline]] inline int held_setvbuf(FILE *stream, char *buf, int mode, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = setvbuf(stream, buf, mode, size);
+    release_caught_signals(&saved);
+    return rc;
+}
+
+[[gnu::always_inline]] inline int held_pthread_create(pthread_t *thread, const pthread_attr_t *attr,
+                                                     void *(*body)(void *), void *arg) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = pthread_create(thread, attr, body, arg);
+    release_caught_signals(&saved);
+    return rc;
+}
