@@ -1,9 +1,8 @@
 // The fault injector preloaded into the real executable: it counts only the program's own
-// calls, and the reactions it brings out are the Parts' own, line for line: a failed
-// allocation of the storage filler's worker arrays skips the fill but is no failure (Part
-// 6.2), a writer that cannot be started fails the cycle (Part 6.2), and a signal at a
-// writer's spin lock ends that writer alone, the main sequence going on to its own end
-// (Part 1.3).
+// calls, and the reactions it brings out are the program's own, line for line: a failed
+// allocation of the storage filler's worker arrays skips the fill but is no failure, a
+// writer that cannot be started fails the cycle, and a signal at a writer's spin lock ends
+// that writer alone, the main sequence going on to its own end.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -43,7 +42,9 @@ std::string function_at(const std::string &address) {
     for (int i = 0; fgets(line, sizeof line, p) != nullptr; ++i) {
         if (i % 2 != 0) continue;  // file:line
         std::string name = line;
-        name = name.substr(0, name.find_first_of("(\n"));
+        const std::string anonymous = "(anonymous namespace)::";
+        for (size_t at; (at = name.find(anonymous)) != std::string::npos;) name.erase(at, anonymous.size());
+        name = name.substr(0, name.find_first_of("(\n"));  // the arguments
         const size_t colons = name.rfind("::");
         if (colons != std::string::npos) name = name.substr(colons + 2);
         if (name.rfind("held_", 0) != 0) {
