@@ -165,14 +165,23 @@ bool emulated(pid_t pid) {
     return read_file("/proc/" + std::to_string(pid) + "/comm", comm) && trim(comm) != "flashaging";
 }
 
+// Whether the program is a thread-sanitizer build: its runtime starts a thread of its own
+// at the program's first thread start, just before that thread.
+bool thread_sanitized(pid_t pid) {
+    std::string maps;
+    return read_file("/proc/" + std::to_string(pid) + "/maps", maps) && maps.find("libtsan") != std::string::npos;
+}
+
 // The program's threads in the order of creation (tid order), its main thread first. Under
 // qemu-user the process has one thread of the emulator's own, started before the program's
-// code runs, so always the second in tid order: it has no place. (Its signal mask cannot tell
-// it apart: the emulator blocks every signal in any thread while it changes a mask.)
+// code runs, and under the thread sanitizer one of its runtime, started with the program's
+// first thread: either is always the second in tid order and has no place. (The emulator's
+// signal mask cannot tell it apart: it blocks every signal in any thread while it changes a
+// mask.)
 std::vector<pid_t> program_threads(pid_t pid) {
     std::vector<pid_t> tids = numbered_entries("/proc/" + std::to_string(pid) + "/task");
     std::sort(tids.begin(), tids.end());
-    if (tids.size() > 1 && emulated(pid)) tids.erase(tids.begin() + 1);
+    if (tids.size() > 1 && (emulated(pid) || thread_sanitized(pid))) tids.erase(tids.begin() + 1);
     return tids;
 }
 

@@ -232,12 +232,16 @@ TEST(Filler, FullPartitionEndsEachFillCleanly) {
     // A small reserve, and the disk all but filled up under the writers in the middle of a
     // pass: they run into ENOSPC, meet at the barrier, find no room and stop; the benchmark is
     // skipped for lack of space. A fast-wearing device ends the test after that one cycle
-    // (later cycles on the emptied disk would write too few files for the readers). The
-    // default phone's pace keeps every writer in a large write, so the full disk meets them
-    // mid-write; 3 s into the fill the readers have their files.
+    // (later cycles on the emptied disk would write too few files for the readers). The disk
+    // fills once the readers have their files and a new pass has begun: a writer waited at the
+    // end-of-pass barrier, then all eight are writing again, with most of the pass still to
+    // write, so they meet the full disk mid-pass (measured only after a whole pass, free space
+    // would otherwise stop them cleanly at the reserve).
+    std::string new_pass = std::string(e2e::kAllReadersReading) + " then thread:2-9:futex";
+    for (int writer = 2; writer <= 9; ++writer)
+        new_pass += " then thread:" + std::to_string(writer) + "-" + std::to_string(writer) + ":io";
     auto r = e2e::run("default",
-                      {"ballast_at = /data/format_unclear/file_pattern+3", "ballast_leave_mib = 20", "pe_per_gib = 8",
-                       "host_room_gib = 4"},
+                      {"ballast_at = " + new_pass, "ballast_leave_mib = 20", "pe_per_gib = 8", "host_room_gib = 4"},
                       std::vector<std::string>{"-n 6", "-s 3600", "-reserved_space 100", "-full_filling_times 1"});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     EXPECT_TRUE(std::regex_search(r.log, std::regex(R"((open /data/format_unclear/file_pattern/\S+ failed 28|write fail -1, errno is 28,))")))
