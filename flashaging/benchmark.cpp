@@ -120,13 +120,27 @@ uint32_t bench_transfers_taken() {
     return n;
 }
 
+// Frees a worker's transfer buffer and forgets it in one held step, so that the buffer is
+// freed exactly once whether or not the worker is ended on the way.
+static void bench_free_buffer(bench_worker *w) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    free(w->buf);
+    w->buf = nullptr;
+    release_caught_signals(&saved);
+}
+
 void *benchmark_fn(void *arg) {
     let_caught_signals_in();  // started inside a hold
     auto *w = static_cast<bench_worker *>(arg);
     const int32_t size = w->sequential ? kSeqSize : kRandSize;
     const uint32_t count = w->sequential ? kSeqCount : kRandCount;
 
-    auto *buf = static_cast<uint8_t *>(held_aligned_alloc(4096, static_cast<size_t>(size)));
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    auto *buf = static_cast<uint8_t *>(aligned_alloc(4096, static_cast<size_t>(size)));
+    w->buf = buf;
+    release_caught_signals(&saved);
     if (buf == nullptr) {
         flash_printf("malloc size %d fail\n", size);
         return nullptr;
@@ -139,7 +153,6 @@ void *benchmark_fn(void *arg) {
     // eight workers share the descriptor and its position: the seek and the transfer are not
     // one step, on purpose (the figure is the point, not the exact placement). From the draw
     // to the unlock the caught signals are held (one hold per transfer).
-    sigset_t saved;
     hold_caught_signals(&saved);
     int32_t r = rand();
     bool locked = true;
@@ -156,7 +169,7 @@ void *benchmark_fn(void *arg) {
         for (;;) {
             if (lseek(w->fd, static_cast<off_t>(offset), SEEK_SET) < 0) {
                 flash_printf("lseek failed %d\n", errno);
-                held_free(buf);
+                bench_free_buffer(w);
                 return nullptr;
             }
             done = w->write ? write(w->fd, buf, static_cast<size_t>(size))
@@ -187,7 +200,7 @@ void *benchmark_fn(void *arg) {
 
     w->end = monotonic_seconds();
     w->bytes = bytes;
-    held_free(buf);
+    bench_free_buffer(w);
     return nullptr;
 }
 
@@ -244,8 +257,14 @@ int benchmark_check() {
         }
         // A worker that never started has no handle to join.
         for (int i = 0; i < kBenchWorkers; ++i) {
-            if (started[i] && pthread_join(handles[i], nullptr) != 0)
+            if (started[i] && pthread_join(handles[i], nullptr) != 0) {
                 flash_printf("join thread %d fail\n", i);
+                started[i] = false;  // may still run: its buffer stays its own
+            }
+        }
+        // What a worker ended by the abnormal-end handler left behind.
+        for (int i = 0; i < kBenchWorkers; ++i) {
+            if (started[i]) bench_free_buffer(&workers[i]);
         }
 
         close(fd);

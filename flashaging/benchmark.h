@@ -12,6 +12,9 @@ struct bench_worker {
     float start;
     float end;
     uint64_t bytes;
+    // The worker's transfer buffer while it has one: a worker that the abnormal-end handler
+    // ended leaves it here, and the mode's thread frees it after the join.
+    uint8_t *buf;
 };
 
 int benchmark_check();            // 0 passed or skipped, else the first failing worker's errno
