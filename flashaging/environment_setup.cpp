@@ -91,25 +91,32 @@ bool buffer_has_nonzero_word(const uint8_t *buf, size_t len) {
 }
 
 int open_result_marker(const char *path, int *fd) {
+    // From the record's creation until it says START and the handler knows its descriptor the
+    // caught signals are held: an abnormal end never leaves a new, empty record behind.
+    sigset_t saved;
+    hold_caught_signals(&saved);
     int d = open(path, O_RDWR | O_CREAT, 0644);
     if (d < 1) {
         FLOG_NP("init_result", "FATAL", "open %s error!\n\n", path);
+        release_caught_signals(&saved);
         // A descriptor of 0 fails set-up; a failed open does not.
         return d == 0 ? 0 : -1;
     }
+    int marker = 1;
     if (lseek(d, 0, SEEK_SET) < 0) {
         FLOG_NP("init_result", "FATAL", "[START]seek %s error!\n\n", path);
         close(d);
-        return 0;
-    }
-    // Only the first five bytes are replaced; what an earlier run left behind them stays.
-    if (write(d, "START", 5) < 1) {
+        marker = 0;
+    } else if (write(d, "START", 5) < 1) {
+        // Only the first five bytes are replaced; what an earlier run left behind them stays.
         FLOG_NP("init_result", "FATAL", "[START]write %s error!\n\n", path);
         close(d);
-        return 0;
+        marker = 0;
+    } else {
+        *fd = d;
     }
-    *fd = d;
-    return 1;
+    release_caught_signals(&saved);
+    return marker;
 }
 
 int free_space_gate(uint64_t free_bytes) {

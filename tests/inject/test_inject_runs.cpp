@@ -184,4 +184,18 @@ TEST(Injector, SignalAtAWritersSpinLockEndsThatWriterAlone) {
     EXPECT_TRUE(finishes == 1 || (finishes == 2 && e2e::journal_has(r, "cleanEnvDone 2 0"))) << r.journal;
 }
 
+// SIGTERM just after the pass/fail record is created, before it says START: the signal waits
+// until the record says START and the handler has its descriptor, so the handler's verdict
+// goes into it (it was left empty, a record with no word at all).
+TEST(Injector, SignalJustAfterTheRecordIsCreatedFindsItSayingStart) {
+    Fault f = fault_at_first_call("open", "open_result_marker", "SIGTERM:after");
+    const e2e::RunResult &r = f.run;
+    ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
+    ASSERT_TRUE(r.has_record);
+    EXPECT_TRUE(has_line(r.log, R"(\[FLASH\]ERROR:flash_sigroutine:\d+ SIG 15 catched\n)")) << r.log;
+    EXPECT_EQ(r.log.find("Init Success!"), std::string::npos) << "the main thread ended in set-up";
+    EXPECT_EQ(r.verdict_word(), "SUCCESS") << "the verdict the handler saw: nothing had failed";
+    EXPECT_EQ(e2e::count(r.journal, "dump_stack"), 1) << r.journal;
+}
+
 }  // namespace
