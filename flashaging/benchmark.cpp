@@ -17,6 +17,7 @@
 #include "flashaging/environment.h"
 #include "flashaging/log.h"
 #include "flashaging/pattern.h"
+#include "flashaging/signal_hold.h"
 
 namespace {
 
@@ -27,19 +28,13 @@ constexpr int32_t kRandSize = 0x1000;          // 4 KiB
 constexpr uint32_t kSeqCount = 1024;
 constexpr uint32_t kRandCount = 16384;
 
-// The next transfer number of the running mode; guarded by the lock below.
+// The next transfer number of the running mode; guarded by the spin lock below, which each
+// mode sets up afresh before its workers start (a zero-filled lock is not an unlocked one in
+// every C library) and never destroys. Every section under it is a few instructions with
+// the caught signals held: a worker ended inside one would leave the others spinning for
+// ever.
 uint32_t g_bench_next;
-
-// Process-wide spin lock, set up once on first use and never destroyed.
-pthread_spinlock_t *bench_lock() {
-    static pthread_spinlock_t lock;
-    static const bool ready = [] {
-        pthread_spin_init(&lock, PTHREAD_PROCESS_PRIVATE);
-        return true;
-    }();
-    (void)ready;
-    return &lock;
-}
+pthread_spinlock_t g_bench_lock;
 
 float monotonic_seconds() {
     timespec ts {};
@@ -51,25 +46,25 @@ float monotonic_seconds() {
 // Writes the mode's 512 MiB file with the pattern of the group. Returns false after a
 // failure, which has been printed.
 bool prepare_file(int fd) {
-    auto *buf = static_cast<uint8_t *>(aligned_alloc(4096, kPrepareBufSize));
+    auto *buf = static_cast<uint8_t *>(held_aligned_alloc(4096, kPrepareBufSize));
     if (buf == nullptr) {
         flash_printf("malloc size %d fail\n", kPrepareBufSize);
         close(fd);
         flash_printf("benchmark_prepare fail %d\n", -1);
         return false;
     }
-    fill_unit_buffer(random_get_file_desc(rand()), buf, kPrepareBufSize);
+    fill_unit_buffer(random_get_file_desc(held_rand()), buf, kPrepareBufSize);
     for (int i = 0; i < kPrepareWrites; ++i) {
         if (write(fd, buf, kPrepareBufSize) != kPrepareBufSize) {
             flash_printf("write fail %d\n", errno);
             close(fd);
-            free(buf);
+            held_free(buf);
             flash_printf("benchmark_prepare fail %d\n", -1);
             return false;
         }
     }
     fsync(fd);
-    free(buf);
+    held_free(buf);
     return true;
 }
 
@@ -110,50 +105,71 @@ void bench_totals(const bench_worker *workers, int n, uint64_t *total, float *el
 }
 
 void bench_reset_transfers() {
-    pthread_spin_lock(bench_lock());
+    // No worker runs now.
+    pthread_spin_init(&g_bench_lock, PTHREAD_PROCESS_PRIVATE);
     g_bench_next = 0;
-    pthread_spin_unlock(bench_lock());
 }
 
 uint32_t bench_transfers_taken() {
-    pthread_spin_lock(bench_lock());
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    pthread_spin_lock(&g_bench_lock);
     uint32_t n = g_bench_next;
-    pthread_spin_unlock(bench_lock());
+    pthread_spin_unlock(&g_bench_lock);
+    release_caught_signals(&saved);
     return n;
 }
 
+// Frees a worker's transfer buffer and forgets it in one held step, so that the buffer is
+// freed exactly once whether or not the worker is ended on the way.
+static void bench_free_buffer(bench_worker *w) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    free(w->buf);
+    w->buf = nullptr;
+    release_caught_signals(&saved);
+}
+
 void *benchmark_fn(void *arg) {
+    let_caught_signals_in();  // started inside a hold
     auto *w = static_cast<bench_worker *>(arg);
     const int32_t size = w->sequential ? kSeqSize : kRandSize;
     const uint32_t count = w->sequential ? kSeqCount : kRandCount;
 
+    sigset_t saved;
+    hold_caught_signals(&saved);
     auto *buf = static_cast<uint8_t *>(aligned_alloc(4096, static_cast<size_t>(size)));
+    w->buf = buf;
+    release_caught_signals(&saved);
     if (buf == nullptr) {
         flash_printf("malloc size %d fail\n", size);
         return nullptr;
     }
-    fill_unit_buffer(random_get_file_desc(rand()), buf, size);
+    fill_unit_buffer(random_get_file_desc(held_rand()), buf, size);
     w->start = monotonic_seconds();
-    int32_t r = rand();
     uint64_t bytes = 0;
 
     // The lock guards only the taking of a transfer number; every I/O runs outside it. The
     // eight workers share the descriptor and its position: the seek and the transfer are not
-    // one step, on purpose (the figure is the point, not the exact placement).
+    // one step, on purpose (the figure is the point, not the exact placement). From the draw
+    // to the unlock the caught signals are held (one hold per transfer).
+    hold_caught_signals(&saved);
+    int32_t r = rand();
     bool locked = true;
-    pthread_spin_lock(bench_lock());
+    pthread_spin_lock(&g_bench_lock);
     uint32_t n = g_bench_next;
     while (n < count) {
         const uint64_t offset = bench_offset(w->sequential, n, r);
         g_bench_next = n + 1;
-        pthread_spin_unlock(bench_lock());
+        pthread_spin_unlock(&g_bench_lock);
+        release_caught_signals(&saved);
         locked = false;
 
         ssize_t done;
         for (;;) {
             if (lseek(w->fd, static_cast<off_t>(offset), SEEK_SET) < 0) {
                 flash_printf("lseek failed %d\n", errno);
-                free(buf);
+                bench_free_buffer(w);
                 return nullptr;
             }
             done = w->write ? write(w->fd, buf, static_cast<size_t>(size))
@@ -171,17 +187,20 @@ void *benchmark_fn(void *arg) {
             break;
 
         bytes += static_cast<uint64_t>(done);
+        hold_caught_signals(&saved);
         r = rand();
-        pthread_spin_lock(bench_lock());
+        pthread_spin_lock(&g_bench_lock);
         locked = true;
         n = g_bench_next;
     }
-    if (locked)
-        pthread_spin_unlock(bench_lock());
+    if (locked) {
+        pthread_spin_unlock(&g_bench_lock);
+        release_caught_signals(&saved);
+    }
 
     w->end = monotonic_seconds();
     w->bytes = bytes;
-    free(buf);
+    bench_free_buffer(w);
     return nullptr;
 }
 
@@ -194,7 +213,7 @@ int benchmark_check() {
 
     for (int mode = 0; mode < kBenchModes; ++mode) {
         const bench_mode m = bench_mode_of(mode);
-        auto *workers = static_cast<bench_worker *>(calloc(kBenchWorkers, sizeof(bench_worker)));
+        auto *workers = static_cast<bench_worker *>(held_calloc(kBenchWorkers, sizeof(bench_worker)));
         if (workers == nullptr) {
             flash_printf("malloc size %d fail\n",
                          static_cast<int>(kBenchWorkers * sizeof(bench_worker)));
@@ -206,7 +225,7 @@ int benchmark_check() {
         mkdir(paths::kBenchmarkDir, 0600);
 
         char path[64] = {};
-        snprintf(path, sizeof(path), "%s%d", paths::kBenchmarkDir, rand());
+        snprintf(path, sizeof(path), "%s%d", paths::kBenchmarkDir, held_rand());
 
         bench_reset_transfers();
 
@@ -214,11 +233,11 @@ int benchmark_check() {
         if (fd < 0) {
             flash_printf("open %s fail %d\n", path, errno);
             flash_printf("benchmark_prepare fail %d\n", fd);
-            free(workers);
+            held_free(workers);
             return 0;
         }
         if (!prepare_file(fd)) {
-            free(workers);
+            held_free(workers);
             return 0;
         }
 
@@ -229,7 +248,7 @@ int benchmark_check() {
             workers[i].fd = fd;
             workers[i].sequential = m.sequential ? 1 : 0;
             workers[i].write = m.write ? 1 : 0;
-            int rc = pthread_create(&handles[i], nullptr, benchmark_fn, &workers[i]);
+            int rc = held_pthread_create(&handles[i], nullptr, benchmark_fn, &workers[i]);
             if (rc != 0) {
                 flash_printf("create BENCH_THREAD %d fail %d\n", i, rc);
                 continue;
@@ -238,8 +257,14 @@ int benchmark_check() {
         }
         // A worker that never started has no handle to join.
         for (int i = 0; i < kBenchWorkers; ++i) {
-            if (started[i] && pthread_join(handles[i], nullptr) != 0)
+            if (started[i] && pthread_join(handles[i], nullptr) != 0) {
                 flash_printf("join thread %d fail\n", i);
+                started[i] = false;  // may still run: its buffer stays its own
+            }
+        }
+        // What a worker ended by the abnormal-end handler left behind.
+        for (int i = 0; i < kBenchWorkers; ++i) {
+            if (started[i]) bench_free_buffer(&workers[i]);
         }
 
         close(fd);
@@ -251,7 +276,7 @@ int benchmark_check() {
             int32_t result = workers[i].result;
             flash_printf("thread %d fail %d\n", static_cast<int>(workers[i].index), result);
             flash_printf("benchmark_end fail %d\n", result);
-            free(workers);
+            held_free(workers);
             return result;
         }
 
@@ -263,7 +288,7 @@ int benchmark_check() {
                      static_cast<double>(elapsed));
         flash_printf("%s: ==== speed is %.2fMB/s ====\n", m.name,
                      static_cast<double>(static_cast<float>(total >> 20) / elapsed));
-        free(workers);
+        held_free(workers);
     }
     return 0;
 }

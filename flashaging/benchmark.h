@@ -12,6 +12,9 @@ struct bench_worker {
     float start;
     float end;
     uint64_t bytes;
+    // The worker's transfer buffer while it has one: a worker that the abnormal-end handler
+    // ended leaves it here, and the mode's thread frees it after the join.
+    uint8_t *buf;
 };
 
 int benchmark_check();            // 0 passed or skipped, else the first failing worker's errno
@@ -41,7 +44,7 @@ uint64_t bench_offset(bool sequential, uint32_t n, int32_t r);
 // and the latest end minus the earliest start in single precision.
 void bench_totals(const bench_worker *workers, int n, uint64_t *total, float *elapsed);
 
-// The transfer counter of the running mode: reset at each mode's start, and the number of
-// transfers taken so far (printed as "file num").
+// The transfer counter of the running mode: reset (with its lock) at each mode's start while
+// no worker runs, and the number of transfers taken so far (printed as "file num").
 void bench_reset_transfers();
 uint32_t bench_transfers_taken();

@@ -10,6 +10,7 @@
 #include "flashaging/environment.h"
 #include "flashaging/environment_internal.h"
 #include "flashaging/log.h"
+#include "flashaging/signal_hold.h"
 #include "flashaging/run_control.h"
 
 namespace {
@@ -45,13 +46,18 @@ void driver_state_check_at(const char *path) {
     FLOG("driver_state_check", "INFO", "Run driver_state_check start!\n\n");
     // eMMC devices have no such node.
     if (access(path, F_OK) != 0) return;
+    // The node is read with the caught signals held (the stream's buffer comes from the
+    // allocator); it is a kernel node and answers at once.
+    sigset_t saved;
+    hold_caught_signals(&saved);
     FILE *record = fopen(path, "r");
-    if (record == nullptr) return;
     int pa = 0;
     int dl = 0;
-    driver_error_counts(record, &pa, &dl);
+    if (record != nullptr) driver_error_counts(record, &pa, &dl);
+    release_caught_signals(&saved);
+    if (record == nullptr) return;
     FLOG("driver_state_check", "INFO", "PA_cnt_value= %d; DL_cnt_value == %d\n\n", pa, dl);
-    fclose(record);
+    held_fclose(record);
 }
 
 void driver_state_check() {

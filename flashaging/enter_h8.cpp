@@ -16,6 +16,7 @@
 #include "flashaging/device_paths.h"
 #include "flashaging/log.h"
 #include "flashaging/pattern.h"
+#include "flashaging/signal_hold.h"
 
 namespace {
 
@@ -68,7 +69,7 @@ int enter_h8_destroy(flash_test * /*self*/) {
 void enter_h8_write_loop(const char *dir, const char *file, int count, useconds_t sleep_time,
                          void *ctx) {
     // Aligned for direct I/O.
-    auto *buf = static_cast<uint8_t *>(aligned_alloc(4096, kBlockSize));
+    auto *buf = static_cast<uint8_t *>(held_aligned_alloc(4096, kBlockSize));
     if (buf == nullptr) {
         FLOG("enter_h8_write", "ERROR", "alloc buffer fail\n\n");
         return;
@@ -86,7 +87,7 @@ void enter_h8_write_loop(const char *dir, const char *file, int count, useconds_
     int fd = open(file, O_RDWR | O_CREAT | O_DIRECT, 0666);
     if (fd < 0) {
         FLOG("enter_h8_write", "ERROR", "create file %s fail, ctx %p.\n", file, ctx);
-        free(buf);
+        held_free(buf);
         return;
     }
 
@@ -99,12 +100,13 @@ void enter_h8_write_loop(const char *dir, const char *file, int count, useconds_
 
     FLOG("enter_h8_write", "INFO", "sleep interval:%d, write count:%d\n",
          static_cast<int>(sleep_time), count);
-    free(buf);
+    held_free(buf);
     close(fd);
     system_rm_file(dir);
 }
 
 void *enter_h8_write(void *ctx) {
+    let_caught_signals_in();  // started inside a hold
     enter_h8_write_loop(paths::kEnterH8Dir, paths::kEnterH8File, kEnterH8Writes, kEnterH8SleepUs,
                         ctx);
     return nullptr;
@@ -117,7 +119,7 @@ int enter_h8_run(flash_test *self) {
 
     uint8_t status;
     pthread_t th;
-    if (pthread_create(&th, nullptr, enter_h8_write, nullptr) != 0) {
+    if (held_pthread_create(&th, nullptr, enter_h8_write, nullptr) != 0) {
         FLOG("enter_h8_test", "ERROR", "create thread failed\n");
         status = 0;
     } else if (pthread_join(th, nullptr) != 0) {

@@ -11,6 +11,7 @@
 #include "flashaging/environment.h"
 #include "flashaging/environment_internal.h"
 #include "flashaging/log.h"
+#include "flashaging/signal_hold.h"
 #include "platform/properties.h"
 
 device_properties g_device_props{};
@@ -39,7 +40,11 @@ void copy_cut(char *field, size_t field_size, const char *text) {
 
 void read_property(char *field, size_t field_size, const char *key) {
     char value[PROPERTY_VALUE_MAX] = {0};
+    // The property door is a library whose locks this program cannot see.
+    sigset_t saved;
+    hold_caught_signals(&saved);
     property_get(key, value, "unknown");
+    release_caught_signals(&saved);
     value[PROPERTY_VALUE_MAX - 1] = '\0';
     // prjversion and platform are smaller than a property value: the value is cut to the
     // field so it never runs into the fields behind it.
@@ -129,7 +134,7 @@ int storage_info_from_node(const char *path, char *device_version, char *manufac
         return -1;
     }
     // One byte more than the read, so the text is always terminated for the searches.
-    char *buf = static_cast<char *>(calloc(kStorageInfoRead + 1, 1));
+    char *buf = static_cast<char *>(held_calloc(kStorageInfoRead + 1, 1));
     if (buf == nullptr) {
         FLOG("get_storage_info", "ERROR", "Failed to allocate memory! %d\n", 0);
         close(fd);
@@ -144,7 +149,7 @@ int storage_info_from_node(const char *path, char *device_version, char *manufac
     } else {
         status = storage_info_from_text(buf, static_cast<size_t>(n), device_version, manufacture, path);
     }
-    free(buf);
+    held_free(buf);
     close(fd);
     return status;
 }

@@ -1,7 +1,6 @@
 // Environment set-up: the log file, the pass/fail record's "START", the settings, the work
 // area, the two data buffers, the device properties and the two gates that skip a run.
 #include <fcntl.h>
-#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include "flashaging/environment_internal.h"
 #include "flashaging/healthinfo.h"
 #include "flashaging/log.h"
+#include "flashaging/signal_hold.h"
 #include "platform/aging_client.h"
 
 int result_fd = 0;
@@ -32,8 +32,11 @@ constexpr size_t kRmCmdSize = 45;
 // Standard output and standard error go, appended and unbuffered, to the log file; its
 // mode and owner are set so the factory tools can read it.
 void init_log_file() {
+    sigset_t saved;
+    hold_caught_signals(&saved);  // the streams' locks and the list of streams
     if (freopen(paths::kLogFile, "a", stdout) != nullptr) setvbuf(stdout, nullptr, _IONBF, 0);
     if (freopen(paths::kLogFile, "a", stderr) != nullptr) setvbuf(stderr, nullptr, _IONBF, 0);
+    release_caught_signals(&saved);
     if (chmod(paths::kLogFile, 0644) != 0)
         FLOG_NP("init_log_file", "FATAL", "Fail to chmod %s\n\n", paths::kLogFile);
     if (chown(paths::kLogFile, 1000, 1000) != 0)
@@ -44,14 +47,14 @@ void init_log_file() {
 // error" line. A failed second allocation releases the first and clears its pointer, as
 // the end of the run releases scratch_4MB again.
 bool init_buffers() {
-    scratch_4MB = static_cast<uint8_t *>(memalign(kBufferAlign, kBuffer4MB));
+    scratch_4MB = static_cast<uint8_t *>(held_memalign(kBufferAlign, kBuffer4MB));
     if (scratch_4MB == nullptr) {
         FLOG_NP("initialize_flashtest_env", "FATAL", "Init buffers error\n");
         return false;
     }
-    pattern_4MB = static_cast<uint8_t *>(memalign(kBufferAlign, kBuffer4MB));
+    pattern_4MB = static_cast<uint8_t *>(held_memalign(kBufferAlign, kBuffer4MB));
     if (pattern_4MB == nullptr) {
-        free(scratch_4MB);
+        held_free(scratch_4MB);
         scratch_4MB = nullptr;
         FLOG_NP("initialize_flashtest_env", "FATAL", "Init buffers error\n");
         return false;
@@ -88,25 +91,32 @@ bool buffer_has_nonzero_word(const uint8_t *buf, size_t len) {
 }
 
 int open_result_marker(const char *path, int *fd) {
+    // From the record's creation until it says START and the handler knows its descriptor the
+    // caught signals are held: an abnormal end never leaves a new, empty record behind.
+    sigset_t saved;
+    hold_caught_signals(&saved);
     int d = open(path, O_RDWR | O_CREAT, 0644);
     if (d < 1) {
         FLOG_NP("init_result", "FATAL", "open %s error!\n\n", path);
+        release_caught_signals(&saved);
         // A descriptor of 0 fails set-up; a failed open does not.
         return d == 0 ? 0 : -1;
     }
+    int marker = 1;
     if (lseek(d, 0, SEEK_SET) < 0) {
         FLOG_NP("init_result", "FATAL", "[START]seek %s error!\n\n", path);
         close(d);
-        return 0;
-    }
-    // Only the first five bytes are replaced; what an earlier run left behind them stays.
-    if (write(d, "START", 5) < 1) {
+        marker = 0;
+    } else if (write(d, "START", 5) < 1) {
+        // Only the first five bytes are replaced; what an earlier run left behind them stays.
         FLOG_NP("init_result", "FATAL", "[START]write %s error!\n\n", path);
         close(d);
-        return 0;
+        marker = 0;
+    } else {
+        *fd = d;
     }
-    *fd = d;
-    return 1;
+    release_caught_signals(&saved);
+    return marker;
 }
 
 int free_space_gate(uint64_t free_bytes) {
@@ -129,9 +139,11 @@ int initialize_flashtest_env(int argc, char **argv) {
         return 0;
     }
 
+    sigset_t saved;
+    hold_caught_signals(&saved);  // the daemon's client, then the allocation
     bool v2 = connect_aging_server(3) != 0;
-
     g_args = new (std::nothrow) test_args{};
+    release_caught_signals(&saved);
     if (g_args == nullptr) {
         FLOG("initialize_args", "ERROR", "alloc args fail.\n");
         FLOG_NP("initialize_flashtest_env", "FATAL", "Init args error\n");
@@ -165,27 +177,27 @@ int initialize_flashtest_env(int argc, char **argv) {
 
 void fv_setup() {
     if (access(paths::kWorkDir, F_OK) == 0) return;  // an existing directory is left alone
-    char *cmd = static_cast<char *>(calloc(kMkdirCmdSize, 1));
+    char *cmd = static_cast<char *>(held_calloc(kMkdirCmdSize, 1));
     if (cmd == nullptr) {
         FLOG("fv_setup", "ERROR", "Can't allocate memory for rm command\n");
         return;
     }
     snprintf(cmd, kMkdirCmdSize, "mkdir -p  %s", paths::kWorkDir);
     // A directory that could not be made is reported by the chmod below.
-    [[maybe_unused]] int rc = system(cmd);
-    free(cmd);
+    [[maybe_unused]] int rc = held_system(cmd);
+    held_free(cmd);
     if (chmod(paths::kWorkDir, 0775) != 0) FLOG("fv_setup", "ERROR", "Failed to chmod %s\n", paths::kWorkDir);
 }
 
 int fv_cleanup() {
-    char *cmd = static_cast<char *>(calloc(kRmCmdSize, 1));
+    char *cmd = static_cast<char *>(held_calloc(kRmCmdSize, 1));
     if (cmd == nullptr) {
         FLOG("fv_cleanup", "ERROR", "Can't allocate memory for rm command %d\n", 0);
         return -1;
     }
     snprintf(cmd, kRmCmdSize, "rm -rf %s", paths::kScratchFile);
     // The status is not looked at: a scratch file that is not there is just as good.
-    [[maybe_unused]] int rc = system(cmd);
-    free(cmd);
+    [[maybe_unused]] int rc = held_system(cmd);
+    held_free(cmd);
     return 0;
 }

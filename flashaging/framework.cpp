@@ -13,6 +13,7 @@
 #include "flashaging/healthinfo.h"
 #include "flashaging/log.h"
 #include "flashaging/run_control.h"
+#include "flashaging/signal_hold.h"
 #include "flashaging/storage_filler.h"
 #include "platform/aging_client.h"
 
@@ -50,12 +51,21 @@ double seconds_of(const struct timeval &tv) {
     return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1000000.0;
 }
 
+// The daemon's client is a library whose locks this program cannot see.
+int held_setprogress(int percent, int which) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int rc = setprogress(percent, which);
+    release_caught_signals(&saved);
+    return rc;
+}
+
 }  // namespace
 
 const runner_ops &default_runner_ops() {
     static const runner_ops ops = {
         healthinfo_get, healthinfo_judge, fv_cleanup, fv_setup,
-        device_get_flash_errors, save_test_results, setprogress,
+        device_get_flash_errors, save_test_results, held_setprogress,
     };
     return ops;
 }
@@ -90,7 +100,7 @@ int build_flash_tests(const test_init_fn inits[2], const runner_ops &ops, flash_
     test_result *array = nullptr;
     if (signed_total >= 0)
         array = static_cast<test_result *>(
-            calloc(signed_total > 0 ? static_cast<size_t>(signed_total) : 1, sizeof(test_result)));
+            held_calloc(signed_total > 0 ? static_cast<size_t>(signed_total) : 1, sizeof(test_result)));
     *results = array;
     if (!array) {
         FLOG(kInitTag, "ERROR", "failed to allocate memory for all results %d\n", 0);

@@ -11,6 +11,7 @@
 #include "flashaging/framework.h"
 #include "flashaging/framework_internal.h"
 #include "flashaging/log.h"
+#include "flashaging/signal_hold.h"
 
 namespace {
 
@@ -47,50 +48,76 @@ void write_report_sections(FILE *out) {
 
 }  // namespace
 
-std::string format_result_line(const test_result &r) {
+namespace {
+
+// Formats one table line into a heap text (asprintf's result: its length, or below 1 when
+// it could not be formatted). For a thread that holds the caught signals.
+int format_result_text(const test_result &r, char **line) {
     float_column maximum;  // empty: no upper limit
     if (r.maximum != FLT_MAX) maximum = column_of(r.maximum);
     float_column stdev;  // empty: a single sample has no spread
     if (r.num_samples > 1) stdev = column_of(r.stdev);
+    *line = nullptr;
+    return asprintf(line, "%s,%s,%d,%d.%u,%s,%f,%s,%f,%s,%u,%u,%f,%s\n", text_or_null(r.version),
+                    text_or_null(r.description), r.test_id, r.test_id, r.result_id, text_or_null(r.units),
+                    static_cast<double>(r.minimum), maximum.text, static_cast<double>(r.value), stdev.text,
+                    r.num_samples, static_cast<unsigned>(r.test_ran), r.duration_sec, status_word(r.status));
+}
 
+// What became of one line: formatted (n >= 1) and written (put > 0) or not.
+struct line_outcome {
+    int n;
+    size_t put;
+};
+
+}  // namespace
+
+std::string format_result_line(const test_result &r) {
     char *line = nullptr;
-    int n = asprintf(&line, "%s,%s,%d,%d.%u,%s,%f,%s,%f,%s,%u,%u,%f,%s\n",
-                     text_or_null(r.version), text_or_null(r.description), r.test_id, r.test_id,
-                     r.result_id, text_or_null(r.units), static_cast<double>(r.minimum),
-                     maximum.text, static_cast<double>(r.value), stdev.text, r.num_samples,
-                     static_cast<unsigned>(r.test_ran), r.duration_sec, status_word(r.status));
-    if (n < 1) {
-        if (n >= 0) free(line);
-        return {};
-    }
-    std::string text(line, static_cast<size_t>(n));
-    free(line);
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int n = format_result_text(r, &line);
+    std::string text = n >= 1 ? std::string(line, static_cast<size_t>(n)) : std::string();
+    if (n >= 0) free(line);
+    release_caught_signals(&saved);
     return text;
 }
 
+// Every formatting, write and free of the table happens with the caught signals held: the
+// abnormal-end handler may end the thread between two lines, never inside the C library's
+// allocator or the stream. The messages go out after each hold.
 int write_results_table(FILE *out, const test_result *results, uint64_t count) {
     int result = 0;
 
+    sigset_t saved;
+    hold_caught_signals(&saved);
     char *header = nullptr;
-    int n = asprintf(&header, "%s", kHeader);
-    if (n < 1) {
+    line_outcome h {asprintf(&header, "%s", kHeader), 0};
+    if (h.n >= 1) h.put = fwrite(header, 1, static_cast<size_t>(h.n), out);
+    if (h.n >= 0) free(header);
+    release_caught_signals(&saved);
+    if (h.n < 1) {
         log_errno("Failed to write header in output file");
         result = -1;
-    } else if (fwrite(header, 1, static_cast<size_t>(n), out) == 0) {
+    } else if (h.put == 0) {
         log_errno("Failed to write to results output file");
     }
-    if (n >= 0) free(header);
 
     if (!results) return result;
     for (uint64_t i = 0; i < count; ++i) {
         const test_result &r = results[i];
         // Unmeasured records have no line; a value that is not a number still gets one.
         if (r.value <= 0.0f) continue;
-        std::string line = format_result_line(r);
-        if (line.empty()) {
+        hold_caught_signals(&saved);
+        char *line = nullptr;
+        line_outcome l {format_result_text(r, &line), 0};
+        if (l.n >= 1) l.put = fwrite(line, 1, static_cast<size_t>(l.n), out);
+        if (l.n >= 0) free(line);
+        release_caught_signals(&saved);
+        if (l.n < 1) {
             log_errno("Failed to write entry in output file");
             result = -1;
-        } else if (fwrite(line.data(), 1, line.size(), out) == 0) {
+        } else if (l.put == 0) {
             log_errno("Failed to write to results output file");
         }
     }
@@ -98,18 +125,18 @@ int write_results_table(FILE *out, const test_result *results, uint64_t count) {
 }
 
 int save_test_results_temp_at(const char *path, const test_result *results, uint64_t count) {
-    FILE *out = fopen(path, "w");
+    FILE *out = held_fopen(path, "w");
     if (!out) {
         log_errno("Can't create output file.");
         return -1;
     }
     write_report_sections(out);
     if (!results) {
-        fclose(out);
+        held_fclose(out);
         return 0;
     }
     int result = write_results_table(out, results, count);
-    fclose(out);
+    held_fclose(out);
     return result;
 }
 

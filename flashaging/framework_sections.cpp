@@ -16,6 +16,7 @@
 #include "flashaging/framework_internal.h"
 #include "flashaging/healthinfo.h"
 #include "flashaging/log.h"
+#include "flashaging/signal_hold.h"
 
 namespace {
 
@@ -35,15 +36,18 @@ constexpr const char *kZarvoPlaces[8] = {
 __attribute__((format(printf, 3, 4))) int write_formatted(FILE *out, size_t *written,
                                                            const char *fmt, ...) {
     char *text = nullptr;
+    // The allocation, the stream and the free with the caught signals held.
+    sigset_t saved;
+    hold_caught_signals(&saved);
     va_list ap;
     va_start(ap, fmt);
     int n = vasprintf(&text, fmt, ap);
     va_end(ap);
     *written = 0;
-    if (n < 0) return -1;
     if (n > 0) *written = fwrite(text, 1, static_cast<size_t>(n), out);
-    free(text);
-    return n;
+    if (n >= 0) free(text);
+    release_caught_signals(&saved);
+    return n < 0 ? -1 : n;
 }
 
 // Splits a signal record line at blanks, tabs and line ends into item and value.
@@ -93,6 +97,8 @@ int64_t read_file(const char *path, char *buf, uint64_t max) {
 int write_test_info(FILE *out, const device_properties &p) {
     // Every text is bounded by its field, terminated or not.
     char *text = nullptr;
+    sigset_t saved;
+    hold_caught_signals(&saved);
     int n = asprintf(&text,
                      "Test Info:\n Product model:%.*s %.*s\n Board platform:%.*s\n"
                      "Device_version:%.*s\n Manufacture:%.*s\n Board temperature:%.*s\n"
@@ -107,20 +113,20 @@ int write_test_info(FILE *out, const device_properties &p) {
                      static_cast<int>(sizeof p.bootdevice), p.bootdevice,
                      static_cast<int>(sizeof p.build_description), p.build_description,
                      static_cast<int>(sizeof p.uname), p.uname);
+    size_t written = n >= 1 ? fwrite(text, 1, static_cast<size_t>(n), out) : 0;
+    if (n >= 0) free(text);
+    release_caught_signals(&saved);
     if (n < 1) {
-        if (n == 0) free(text);
         log_errno("[save_test_info]Failed to write entry in output file");
         return -1;
     }
-    size_t written = fwrite(text, 1, static_cast<size_t>(n), out);
-    free(text);
     if (written == 0) log_errno("[save_test_info]Failed to write to results output file");
     return 0;
 }
 
 int write_zarvo_healthinfo(FILE *out, const char *const *places, size_t n_places) {
     // One byte beyond the read limit keeps a full-length text terminated.
-    char *buf = static_cast<char *>(malloc(kZarvoBufSize + 1));
+    char *buf = static_cast<char *>(held_malloc(kZarvoBufSize + 1));
     if (!buf) {
         FLOG("save_zarvo_healthinfo", "ERROR", "OMG, Failed to allocate memory! %d\n", 0);
         return -1;
@@ -137,12 +143,12 @@ int write_zarvo_healthinfo(FILE *out, const char *const *places, size_t n_places
         if (write_formatted(out, &written, "%s:\n%s\n", places[i], buf) > 0 && written == 0)
             log_errno("[save_zarvo_healthinfo]Failed to write to results output file");
     }
-    free(buf);
+    held_free(buf);
     return result;
 }
 
 int write_memory_temperature(FILE *out, const char *node) {
-    char *buf = static_cast<char *>(malloc(kTempBufSize));
+    char *buf = static_cast<char *>(held_malloc(kTempBufSize));
     if (!buf) {
         FLOG("save_memory_temperature", "ERROR", "OMG, Failed to allocate memory! %d\n", 0);
         return -1;
@@ -162,7 +168,7 @@ int write_memory_temperature(FILE *out, const char *node) {
         if (write_formatted(out, &written, "%s:[%s]\n", node, buf) > 0 && written == 0)
             log_errno("[save_memory_temperature]Failed to write to results output file");
     }
-    free(buf);
+    held_free(buf);
     return result;
 }
 
@@ -186,7 +192,7 @@ int write_ufs_signal_lines(FILE *out, FILE *in) {
         log_errno("[save_ufs_signal_record]Failed to write record info");
 
     char line[256];
-    while (fgets(line, sizeof line, in)) {
+    while (held_fgets(line, sizeof line, in)) {
         char *item = nullptr;
         char *value = nullptr;
         if (!get_item_and_value(line, &item, &value)) continue;
@@ -199,13 +205,13 @@ int write_ufs_signal_lines(FILE *out, FILE *in) {
 
 int write_ufs_signal_record(FILE *out, const char *record_path) {
     if (access(record_path, F_OK) != 0) return 0;
-    FILE *in = fopen(record_path, "re");
+    FILE *in = held_fopen(record_path, "re");
     if (!in) {
         log_errno("[save_ufs_signal_record]Failed to open file");
         return -1;
     }
     write_ufs_signal_lines(out, in);
-    fclose(in);
+    held_fclose(in);
     return 0;
 }
 

@@ -10,6 +10,7 @@
 #include "flashaging/healthinfo.h"
 #include "flashaging/healthinfo_internal.h"
 #include "flashaging/log.h"
+#include "flashaging/signal_hold.h"
 
 namespace {
 
@@ -51,13 +52,17 @@ unsigned healthinfo_get_from(healthinfo *info, const char *tool) {
         FLOG("healthinfo_get", "ERROR", "fail to chmod %s\n\n", tool);
         return 1;
     }
-    FILE *out = popen(tool, "r");
+    FILE *out = held_popen(tool, "r");
     if (out == nullptr) {
         FLOG("healthinfo_get", "ERROR", "Erro to popen\n\n");
         return 1;
     }
+    // The stream reads into this buffer, not one of the allocator's: the reading, which
+    // waits for the tool, then needs no lock but the stream's own, and may take a signal.
+    char buffer[BUFSIZ];
+    held_setvbuf(out, buffer, _IOFBF, sizeof buffer);
     healthinfo_read_stream(info, out);
-    pclose(out);  // the tool's exit status is not looked at
+    held_pclose(out);  // the tool's exit status is not looked at
     return 0;
 }
 

@@ -7,6 +7,22 @@
 #include <cstdio>
 #include <ctime>
 
+#include "flashaging/signal_hold.h"
+
+namespace {
+
+// The prefix, for a thread that holds the caught signals (localtime_r takes the time zone's
+// lock, the write standard output's).
+void print_prefix() {
+    struct timeval tv {};
+    gettimeofday(&tv, nullptr);
+    char text[64];
+    fv_format_time(text, tv.tv_sec, tv.tv_usec);
+    printf("[%s][%d]", text, static_cast<int>(gettid()));
+}
+
+}  // namespace
+
 void fv_format_time(char *buf, long sec, long usec) {
     struct tm tmv {};
     time_t t = static_cast<time_t>(sec);
@@ -16,11 +32,10 @@ void fv_format_time(char *buf, long sec, long usec) {
 }
 
 void fv_print_time() {
-    struct timeval tv {};
-    gettimeofday(&tv, nullptr);
-    char text[64];
-    fv_format_time(text, tv.tv_sec, tv.tv_usec);
-    flash_printf("[%s][%d]", text, static_cast<int>(gettid()));
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    print_prefix();
+    release_caught_signals(&saved);
 }
 
 void log_errno(const char *msg) {
@@ -34,8 +49,22 @@ float timediff(int64_t a_sec, int64_t a_nsec, int64_t b_sec, int64_t b_nsec) {
 }
 
 void flash_printf(const char *fmt, ...) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
     va_list ap;
     va_start(ap, fmt);
     vfprintf(stdout, fmt, ap);
     va_end(ap);
+    release_caught_signals(&saved);
+}
+
+void flash_log_line(const char *fmt, ...) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    print_prefix();
+    va_list ap;
+    va_start(ap, fmt);
+    vfprintf(stdout, fmt, ap);
+    va_end(ap);
+    release_caught_signals(&saved);
 }

@@ -6,12 +6,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <initializer_list>
 
 #include "flashaging/environment.h"
 #include "flashaging/framework.h"
 #include "flashaging/log.h"
 #include "flashaging/run_control.h"
+#include "flashaging/signal_hold.h"
 #include "platform/aging_client.h"
 
 namespace {
@@ -31,7 +31,8 @@ void flash_wdt_thread_start() {
          g_args->test_time, g_args->spike, g_args->num_samples, static_cast<long>(budget));
     pthread_mutex_init(&wdt_lock, nullptr);
     pthread_cond_init(&wdt_cond, nullptr);
-    pthread_create(&wdt_thread, nullptr, flash_wdt_thread, reinterpret_cast<void *>(static_cast<intptr_t>(budget)));
+    held_pthread_create(&wdt_thread, nullptr, flash_wdt_thread,
+                        reinterpret_cast<void *>(static_cast<intptr_t>(budget)));
     FLOG("flash_wdt_thread_start", "INFO", "software watchdog init success!\n");
 }
 
@@ -41,13 +42,21 @@ int main(int argc, char **argv) {
     uint32_t flash_test_count = 0;
 
     signal(SIGHUP, SIG_IGN);
-    for (int sig : {SIGINT, SIGTERM, SIGALRM, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGTRAP, SIGABRT, SIGUSR1})
-        signal(sig, flash_sigroutine);
+    for (int sig : kCaughtSignals) signal(sig, flash_sigroutine);
 
     FLOG("main", "INFO", "Connecting Aging UI deamon service...\n");
-    if (connect_aging_server(2) == 0) return 0;
+    // The daemon's client is a library of its own whose locks this program cannot see: its
+    // calls are made with the caught signals held, like the C library's.
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int connected = connect_aging_server(2);
+    release_caught_signals(&saved);
+    if (connected == 0) return 0;
     gettimeofday(&flash_start_time, nullptr);
-    if (get_aging_args(2, &argc, &argv) < 0) return -1;
+    hold_caught_signals(&saved);
+    const int fetched = get_aging_args(2, &argc, &argv);
+    release_caught_signals(&saved);
+    if (fetched < 0) return -1;
 
     FLOG("main", "INFO", "Start init flash Aging Test env!\n");
     flash_result = initialize_flashtest_env(argc, argv);
@@ -78,12 +87,12 @@ int main(int argc, char **argv) {
     flash_get_alltest_result();
     delta_result(static_cast<uint32_t>(flash_result));
     fv_cleanup();
-    free(scratch_4MB);
+    held_free(scratch_4MB);
     scratch_4MB = nullptr;
-    free(pattern_4MB);
+    held_free(pattern_4MB);
     pattern_4MB = nullptr;
     if (flash_results) {
-        free(flash_results);
+        held_free(flash_results);
         flash_results = nullptr;
     }
 
@@ -91,7 +100,9 @@ int main(int argc, char **argv) {
     double cost = seconds_of(flash_end_time) - seconds_of(flash_start_time);
     FLOG("flash_agingcost", "INFO", "flash aging cost time :%f(S) \n", cost);
 
+    hold_caught_signals(&saved);
     cleanEnvDone(2, flash_result);
     if (flash_result == 0) finishOtherTest(2);
+    release_caught_signals(&saved);
     return 0;
 }

@@ -27,8 +27,9 @@ struct pattern_fill_trace {
 // dst alone and returns false when the unit has no block; true when dst was filled.
 bool pattern_fill(const file_unit *unit, uint8_t *dst, int32_t size, pattern_fill_trace *trace = nullptr);
 
-// Guards the laying down of the pattern buffers that the writers share.
-extern pthread_mutex_t g_shared_patterns_lock;
+// Lays down the pattern buffers that the writers share, for the patterns of a case that have
+// none yet (pattern_init calls it on the main thread, before the writers start).
+void pattern_shared_buffers_lay_down(uint32_t case_id);
 
 // Frees the pattern buffers that the writers share (file_unit_free calls it with the pattern
 // blocks; no writer may be running).

@@ -14,6 +14,7 @@
 #include "flashaging/pattern.h"
 #include "flashaging/pattern_internal.h"
 #include "flashaging/sbmt_barrier.h"
+#include "flashaging/signal_hold.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ constexpr int32_t kMaxReadSize = 32768;
 constexpr int32_t kBlockSize = 4096;
 
 // 0 to 999 ms, so the four readers drift apart.
-void random_pause() { usleep(static_cast<useconds_t>((rand() % 1000) * 1000)); }
+void random_pause() { usleep(static_cast<useconds_t>((held_rand() % 1000) * 1000)); }
 
 // One sweep over the current case: a desc qualifies when at least one of its files has been
 // handed out in this pass and the draw for it names its group. Readers take no lock; a
@@ -37,7 +38,7 @@ file_desc *pick_disturb_desc() {
         if (groups[g].desc_num < 1) continue;
         for (int32_t i = 0; i < groups[g].desc_num; ++i) {
             file_desc &desc = groups[g].descs[i];
-            const int draw = rand();
+            const int draw = held_rand();
             if (draw % group_num == g && desc.file_num != desc.left_num.load(std::memory_order_relaxed))
                 return &desc;
         }
@@ -89,21 +90,21 @@ int32_t read_disturb_file_in(const char *dir) {
     const int32_t op_size = desc->file_size < kMaxReadSize ? desc->file_size : kMaxReadSize;
     // The fill always lays down a whole block, so never hold less than one.
     const size_t alloc_size = op_size > kBlockSize ? static_cast<size_t>(op_size) : kBlockSize;
-    auto *rbuf = static_cast<uint8_t *>(aligned_alloc(kBlockSize, alloc_size));
+    auto *rbuf = static_cast<uint8_t *>(held_aligned_alloc(kBlockSize, alloc_size));
     if (rbuf == nullptr) {
         FLOG("read_disturb_file", "INFO", "malloc size %d failed\n", op_size);
         return 1;
     }
-    auto *expected = static_cast<uint8_t *>(malloc(alloc_size));
+    auto *expected = static_cast<uint8_t *>(held_malloc(alloc_size));
     if (expected == nullptr) {
         FLOG("read_disturb_file", "INFO", "malloc size %d failed\n", op_size);
-        free(rbuf);
+        held_free(rbuf);
         return 1;
     }
     if (!pattern_fill(desc->unit, expected, op_size)) {
         // No pattern block to compare with: nothing read could be judged.
-        free(rbuf);
-        free(expected);
+        held_free(rbuf);
+        held_free(expected);
         return 1;
     }
 
@@ -115,7 +116,7 @@ int32_t read_disturb_file_in(const char *dir) {
     bool retried = false;
     int32_t result = 1;
 
-    int k = rand() % kSlots;
+    int k = held_rand() % kSlots;
     int fd = open(slots[k], O_RDONLY | O_DIRECT);
     for (;;) {
         if (fd < 0) {
@@ -162,8 +163,8 @@ int32_t read_disturb_file_in(const char *dir) {
         FLOG("read_disturb_file", "INFO", "read_times is %d, average 1000 times cost %.2fs\n",
              static_cast<int>(good_reads), static_cast<double>(average));
     }
-    free(rbuf);
-    free(expected);
+    held_free(rbuf);
+    held_free(expected);
     return result;
 }
 

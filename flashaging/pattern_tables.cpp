@@ -13,6 +13,7 @@
 #include "flashaging/log.h"
 #include "flashaging/pattern.h"
 #include "flashaging/pattern_internal.h"
+#include "flashaging/signal_hold.h"
 
 namespace {
 
@@ -156,7 +157,7 @@ bool g_pattern_inited = false;
 void pattern_init(const char *dir, uint32_t case_id) {
     if (!g_pattern_inited) {
         for (file_unit &unit : g_file_units) {
-            auto *block = static_cast<uint8_t *>(malloc(kBlockSize));
+            auto *block = static_cast<uint8_t *>(held_malloc(kBlockSize));
             if (block == nullptr) {
                 // One shot: the blocks that could not be made stay empty for the process.
                 flash_printf("%s line %d malloc fail\n", paths::kPatternSourcePath, __LINE__);
@@ -179,7 +180,7 @@ void pattern_init(const char *dir, uint32_t case_id) {
         FLOG("pattern_init", "INFO", "begin to delete the %s\n", dir);
         char cmd[kPatternNameLen] = {};
         snprintf(cmd, sizeof cmd, "rm -rf %s", dir);
-        int rc = system(cmd);  // a failed removal shows up later as open failures
+        int rc = held_system(cmd);  // a failed removal shows up later as open failures
         (void)rc;
         FLOG("pattern_init", "INFO", "finished delete the %s\n", dir);
     }
@@ -187,6 +188,7 @@ void pattern_init(const char *dir, uint32_t case_id) {
     mkdir(dir, 0600);
     g_file_seq = 0;
     init_file_group(case_id);
+    pattern_shared_buffers_lay_down(case_id);
 }
 
 void init_file_group(uint32_t case_id) {
@@ -215,14 +217,14 @@ void init_file_group(uint32_t case_id) {
         }
     }
     g_group_size.store(size, std::memory_order_relaxed);
-    srand(static_cast<unsigned>(time(nullptr)));
+    held_srand(static_cast<unsigned>(time(nullptr)));
 }
 
 void file_unit_free() {
     pattern_shared_buffers_free();
     for (file_unit &unit : g_file_units) {
         if (unit.buf != nullptr) {
-            free(unit.buf);
+            held_free(unit.buf);
             unit.buf = nullptr;
         }
     }
@@ -231,5 +233,5 @@ void file_unit_free() {
 int system_rm_file(const char *path) {
     char cmd[kPatternNameLen] = {};
     snprintf(cmd, sizeof cmd, "rm -rf %s", path);
-    return system(cmd);
+    return held_system(cmd);
 }

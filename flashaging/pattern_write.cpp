@@ -16,12 +16,7 @@
 #include "flashaging/log.h"
 #include "flashaging/pattern.h"
 #include "flashaging/pattern_internal.h"
-
-// A plain mutex locked and unlocked by hand, not a scoped guard: a writer may be ended at any
-// instruction by the abnormal-end handler (pthread_exit unwinds its frames), and a frame
-// with a destructor to run there has no unwind entry for the lock's own call, which ends
-// the process (std::terminate) instead of the thread.
-pthread_mutex_t g_shared_patterns_lock = PTHREAD_MUTEX_INITIALIZER;
+#include "flashaging/signal_hold.h"
 
 namespace {
 
@@ -34,8 +29,10 @@ constexpr int32_t kMaxWriteSize = 4194304;  // one writer's buffer; bigger files
 // copies the whole buffer (about 1.5 GiB of copies per 4 GiB written), and the unmapping
 // interrupts the other writers. Here each pattern is laid down once, by the same doubling
 // fill, over the largest write any file of that pattern needs (at most 4 MiB; 16.5 MiB for
-// all ten), and direct I/O only reads from it. They are made on first use, under a lock,
-// and freed with the pattern blocks by file_unit_free, when no writer runs.
+// all ten), and direct I/O only reads from it. They are laid down by pattern_init on the
+// main thread for the patterns of its case, before any writer starts (so the writers take
+// no lock for them), and freed with the pattern blocks by file_unit_free, when no writer
+// runs.
 struct shared_pattern {
     std::atomic<uint8_t *> buf{nullptr};  // published once laid down
     int32_t size = 0;                     // bytes laid down
@@ -61,32 +58,14 @@ int32_t largest_write(const file_unit *unit) {
 }
 
 // The unit's shared buffer holding at least size bytes of its pattern, or null when there is
-// none (no pattern block, a size beyond the mixes, or no memory): the caller then makes its
-// own buffer.
+// none (not laid down, no pattern block, or a size beyond the mixes): the caller then makes
+// its own buffer.
 const uint8_t *shared_pattern_buffer(const file_unit *unit, int32_t size) {
     const std::less<const file_unit *> before;  // a total order, also for units of elsewhere
     if (unit == nullptr || before(unit, g_file_units) || !before(unit, std::end(g_file_units))) return nullptr;
-    shared_pattern &sp = g_shared_patterns[unit - g_file_units];
-    uint8_t *buf = sp.buf.load(std::memory_order_acquire);
-    if (buf == nullptr) {
-        pthread_mutex_lock(&g_shared_patterns_lock);
-        buf = sp.buf.load(std::memory_order_relaxed);
-        if (buf == nullptr) {
-            const int32_t want = unit->buf == nullptr ? 0 : largest_write(unit);
-            // The fill always lays down a whole block.
-            const size_t bytes = want > kBlockSize ? static_cast<size_t>(want) : kBlockSize;
-            if (want >= size && want > 0) buf = static_cast<uint8_t *>(aligned_alloc(kBlockSize, bytes));
-            if (buf != nullptr) {
-                pattern_fill(unit, buf, want);
-                sp.size = want;
-                sp.block = unit->buf;
-                sp.buf.store(buf, std::memory_order_release);
-            }
-        }
-        pthread_mutex_unlock(&g_shared_patterns_lock);
-        if (buf == nullptr) return nullptr;
-    }
-    if (sp.block != unit->buf || sp.size < size) return nullptr;
+    const shared_pattern &sp = g_shared_patterns[unit - g_file_units];
+    const uint8_t *buf = sp.buf.load(std::memory_order_acquire);
+    if (buf == nullptr || sp.block != unit->buf || sp.size < size) return nullptr;
     return buf;
 }
 
@@ -163,12 +142,17 @@ file_desc *random_get_file_desc(int32_t r) {
 }
 
 int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint64_t *bytes_written) {
+    // The caught signals are held from the draw to the end of the choice: a writer ended
+    // holding the generator's lock or the spin lock would stop every other writer.
+    sigset_t saved;
+    hold_caught_signals(&saved);
     const int r = rand();  // drawn before the lock so the lock stays short
 
     pthread_spin_lock(lock);
     const int32_t group_num = g_cur_group_num.load(std::memory_order_relaxed);
     if (group_num < 1) {
         pthread_spin_unlock(lock);
+        release_caught_signals(&saved);
         return 2;
     }
     file_group *groups = g_cur_groups.load(std::memory_order_relaxed);
@@ -180,6 +164,7 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
     }
     if (left_total < 1) {
         pthread_spin_unlock(lock);
+        release_caught_signals(&saved);
         return 2;
     }
     // Weighted by what each kind still owes; a kind with nothing left is never picked.
@@ -197,6 +182,7 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
     }
     if (chosen == nullptr) {
         pthread_spin_unlock(lock);
+        release_caught_signals(&saved);
         return 2;
     }
     chosen->left_num.fetch_sub(1, std::memory_order_relaxed);
@@ -207,6 +193,7 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
     pthread_spin_lock(lock);
     const uint32_t seq = ++g_file_seq;
     pthread_spin_unlock(lock);
+    release_caught_signals(&saved);
 
     char name[kPatternNameLen] = {};
     snprintf(name, sizeof name, "%s%u_%d_%u", dir, static_cast<unsigned>(pattern_id), file_size, seq);
@@ -224,7 +211,7 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
     if (buf == nullptr) {
         // The fill always lays down a whole block, so never hand out less than one.
         const size_t alloc_size = op_size > kBlockSize ? static_cast<size_t>(op_size) : kBlockSize;
-        own = static_cast<uint8_t *>(aligned_alloc(kBlockSize, alloc_size));
+        own = static_cast<uint8_t *>(held_aligned_alloc(kBlockSize, alloc_size));
         if (own == nullptr) {
             FLOG("random_finish_group_file", "INFO", "malloc size %d failed\n", op_size);
             close(fd);
@@ -234,7 +221,7 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
             // No pattern block (its allocation failed): a file of whatever the fresh buffer
             // holds would be no pattern file. The writer stops.
             close(fd);
-            free(own);
+            held_free(own);
             return 1;
         }
         buf = own;
@@ -253,7 +240,7 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
                      static_cast<int>(ret), err, free_space, op_size);
                 const int32_t result = errno == ENOSPC ? 2 : 1;
                 close(fd);
-                free(own);
+                held_free(own);
                 return result;
             }
             written += static_cast<int32_t>(ret);
@@ -262,16 +249,36 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
         }
     }
     close(fd);
-    free(own);
+    held_free(own);
     return 0;
 }
 
+void pattern_shared_buffers_lay_down(uint32_t case_id) {
+    if (case_id >= std::size(g_file_cases)) return;
+    const file_case &fc = g_file_cases[case_id];
+    for (int32_t g = 0; g < fc.group_num; ++g) {
+        const file_group &group = fc.groups[g];
+        for (int32_t i = 0; i < group.desc_num; ++i) {
+            const file_unit *unit = &g_file_units[group.descs[i].pattern_id % std::size(g_file_units)];
+            shared_pattern &sp = g_shared_patterns[unit - g_file_units];
+            if (unit->buf == nullptr || sp.buf.load(std::memory_order_relaxed) != nullptr) continue;
+            const int32_t want = largest_write(unit);
+            // The fill always lays down a whole block. Without memory the writers make their own.
+            const size_t bytes = want > kBlockSize ? static_cast<size_t>(want) : kBlockSize;
+            auto *buf = static_cast<uint8_t *>(held_aligned_alloc(kBlockSize, bytes));
+            if (buf == nullptr) continue;
+            pattern_fill(unit, buf, want);
+            sp.size = want;
+            sp.block = unit->buf;
+            sp.buf.store(buf, std::memory_order_release);
+        }
+    }
+}
+
 void pattern_shared_buffers_free() {
-    pthread_mutex_lock(&g_shared_patterns_lock);
     for (shared_pattern &sp : g_shared_patterns) {
-        free(sp.buf.exchange(nullptr, std::memory_order_relaxed));
+        held_free(sp.buf.exchange(nullptr, std::memory_order_relaxed));
         sp.size = 0;
         sp.block = nullptr;
     }
-    pthread_mutex_unlock(&g_shared_patterns_lock);
 }

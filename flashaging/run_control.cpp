@@ -15,6 +15,7 @@
 #include "flashaging/framework.h"
 #include "flashaging/framework_internal.h"
 #include "flashaging/log.h"
+#include "flashaging/signal_hold.h"
 #include "platform/aging_client.h"
 
 pthread_mutex_t wdt_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -22,6 +23,7 @@ pthread_cond_t wdt_cond = PTHREAD_COND_INITIALIZER;
 pthread_t wdt_thread;
 
 void *flash_wdt_thread(void *budget_seconds) {
+    let_caught_signals_in();  // started inside a hold
     const int64_t budget = static_cast<int64_t>(reinterpret_cast<intptr_t>(budget_seconds));
 
     // Whole seconds only: the watchdog may fire up to a second early.
@@ -31,10 +33,16 @@ void *flash_wdt_thread(void *budget_seconds) {
     deadline.tv_sec = static_cast<time_t>(now.tv_sec + budget);
     deadline.tv_nsec = 0;
 
-    // One wait, no predicate: any wake-up disarms the watchdog for good.
+    // One wait, no predicate: any wake-up disarms the watchdog for good. The caught signals
+    // are held while the lock is taken: a signal sent to this thread is taken between two
+    // slices of the wait with the lock released, so that the handler never ends the
+    // watchdog holding it (flash_close_wdt would wait for it for ever).
+    sigset_t saved;
+    hold_caught_signals(&saved);
     pthread_mutex_lock(&wdt_lock);
-    const int rc = pthread_cond_timedwait(&wdt_cond, &wdt_lock, &deadline);
+    const int rc = held_cond_timedwait(&wdt_cond, &wdt_lock, &deadline, &saved);
     pthread_mutex_unlock(&wdt_lock);
+    release_caught_signals(&saved);
 
     if (rc == ETIMEDOUT) {
         FLOG("flash_wdt_thread", "INFO", "[WDT] say test over!\n");
@@ -44,12 +52,22 @@ void *flash_wdt_thread(void *budget_seconds) {
 }
 
 void flash_close_wdt() {
+    // Held: a main thread ended with the lock would leave the watchdog unable to end.
+    sigset_t saved;
+    hold_caught_signals(&saved);
     pthread_mutex_lock(&wdt_lock);
     pthread_cond_signal(&wdt_cond);
     pthread_mutex_unlock(&wdt_lock);
+    release_caught_signals(&saved);
 }
 
 void flash_sigroutine(int sig) {
+    // A second caught signal would start the handler again on top of this one, inside
+    // whatever call it is in (an allocation, a stream): it waits, and since the thread ends
+    // here, it goes to another thread or nowhere. Never released.
+    sigset_t interrupted;
+    hold_caught_signals(&interrupted);
+
     FLOG("flash_sigroutine", "ERROR", "SIG %d catched\n\n", sig);
     FLOG("flash_cleanEnv", "INFO", "flash agingtest abnormal, break.\n");
     dump_stack();
@@ -78,5 +96,5 @@ void flash_sigroutine(int sig) {
         finishOtherTest(2);
 
     // Only the thread that caught the signal ends; the process carries on.
-    pthread_exit(nullptr);
+    flash_end_thread();
 }

@@ -14,5 +14,10 @@ void *flash_wdt_thread(void *budget_seconds);  // the budget travels as an int64
 void flash_close_wdt();
 [[noreturn]] void flash_sigroutine(int sig);
 
+// Ends the calling thread, nothing else. The one routine of its kind, linked in from a file
+// of its own (flashaging/thread_end/): pthread_exit in the product, the kernel's thread exit
+// with no unwinding and no cleanup handlers in the strict-end build.
+[[noreturn]] void flash_end_thread();
+
 void driver_state_check();
 int device_get_flash_errors();  // 1 acceptable, 0 driver error

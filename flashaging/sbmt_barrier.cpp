@@ -14,6 +14,7 @@
 
 #include "flashaging/environment.h"
 #include "flashaging/log.h"
+#include "flashaging/signal_hold.h"
 
 std::atomic<uint8_t> g_filler_stop{0};
 
@@ -31,21 +32,12 @@ constexpr time_t kWaitSeconds = 10;
 
 const char *err_text(int err, char (&buf)[kErrTextLen]) {
     buf[0] = '\0';
-    return err_text_result(strerror_r(err, buf, sizeof buf), buf);
-}
-
-void unlock_barrier_mutex(void *mutex) { pthread_mutex_unlock(static_cast<pthread_mutex_t *>(mutex)); }
-
-// The timed wait, in a frame of its own. A writer ended during the wait (the abnormal-end
-// handler's pthread_exit) gets the mutex back from the wait before its frames are unwound;
-// this frame hands it on, or the other writers would wait for it for ever. Kept out of line:
-// the caller's other calls must not come under this frame's cleanup.
-__attribute__((noinline)) int barrier_timed_wait(sbmt_barrier *b, const struct timespec *deadline) {
-    int rc;
-    pthread_cleanup_push(unlock_barrier_mutex, &b->mutex);
-    rc = pthread_cond_timedwait(&b->cond, &b->mutex, deadline);
-    pthread_cleanup_pop(0);
-    return rc;
+    // The message catalogue behind the text is read under the C library's lock.
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const char *text = err_text_result(strerror_r(err, buf, sizeof buf), buf);
+    release_caught_signals(&saved);
+    return text;
 }
 
 }  // namespace
@@ -72,10 +64,17 @@ int sbmt_barrier_init(sbmt_barrier *b, uint32_t count) {
 
 int sbmt_barrier_wait(sbmt_barrier *b) {
     char text[kErrTextLen];
+    // A writer never holds the mutex with the caught signals let in: one ended there would
+    // keep the other seven waiting. A signal sent to a waiting writer is taken between two
+    // slices of its wait, with the mutex released (held_cond_timedwait); it still counts as
+    // arrived, so a late writer can complete the count.
+    sigset_t saved;
+    hold_caught_signals(&saved);
     if (pthread_mutex_lock(&b->mutex) != 0) {
         const int err = errno;
         FLOG("sbmt_barrier_wait", "ERROR", "Locking the barrier mutex failed with %d, %s\n", err,
              err_text(err, text));
+        release_caught_signals(&saved);
         return -1;
     }
 
@@ -96,7 +95,7 @@ int sbmt_barrier_wait(sbmt_barrier *b) {
         struct timespec deadline {};
         deadline.tv_sec = now.tv_sec + kWaitSeconds;
         deadline.tv_nsec = now.tv_usec * 1000;
-        const int rc = barrier_timed_wait(b, &deadline);
+        const int rc = held_cond_timedwait(&b->cond, &b->mutex, &deadline, &saved);
         if (rc != 0) {
             // The number is the wait's own answer (110 on a timeout); the text stays errno's.
             FLOG("sbmt_barrier_wait", "ERROR", "Wait the barrier cond failed with %d, %s\n", rc,
@@ -109,8 +108,10 @@ int sbmt_barrier_wait(sbmt_barrier *b) {
         const int err = errno;
         FLOG("sbmt_barrier_wait", "ERROR", "Unlock the barrier mutex failed with %d, %s\n", err,
              err_text(err, text));
+        release_caught_signals(&saved);
         return -1;
     }
+    release_caught_signals(&saved);
     return result;
 }
 

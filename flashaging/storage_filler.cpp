@@ -16,6 +16,7 @@
 #include "flashaging/environment.h"
 #include "flashaging/log.h"
 #include "flashaging/pattern.h"
+#include "flashaging/signal_hold.h"
 #include "platform/aging_client.h"
 
 pthread_spinlock_t g_filler_lock;
@@ -37,7 +38,12 @@ bool watchdog_test_over() {
 }
 
 int read_battery_temp() {
-    return get_node_temp(paths::kBatteryTemp, 0);
+    // The daemon's client is a library whose locks this program cannot see.
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    const int temp = get_node_temp(paths::kBatteryTemp, 0);
+    release_caught_signals(&saved);
+    return temp;
 }
 
 void sleep_whole_seconds(unsigned seconds) {
@@ -150,11 +156,13 @@ void filler_write_files(filler *rec, const char *dir, const char *space_path) {
 }
 
 void *fill_fn(void *rec) {
+    let_caught_signals_in();  // started inside a hold
     filler_write_files(static_cast<filler *>(rec), paths::kPatternDir, paths::kWorkDir);
     return nullptr;
 }
 
 void *read_disturb_fn(void *rec) {
+    let_caught_signals_in();  // started inside a hold
     static_cast<filler *>(rec)->output.store(read_disturb_file(), std::memory_order_relaxed);
     g_filler_stop.store(1, std::memory_order_relaxed);
     return nullptr;
@@ -178,13 +186,13 @@ int filler_wait_battery(int (*read_temp)(), void (*sleep_seconds)(unsigned)) {
 
 int32_t filler_run_workers(uint32_t group, filler_thread_start start) {
     constexpr int kThreads = kFillerWriters + kFillerReaders;
-    auto *handles = static_cast<pthread_t *>(malloc(kThreads * sizeof(pthread_t)));
-    auto *recs = static_cast<filler *>(calloc(kThreads, sizeof(filler)));
+    auto *handles = static_cast<pthread_t *>(held_malloc(kThreads * sizeof(pthread_t)));
+    auto *recs = static_cast<filler *>(held_calloc(kThreads, sizeof(filler)));
     if (handles == nullptr || recs == nullptr) {
         // Skips the fill; the cycle goes on with the benchmark.
         FLOG("storage_filler", "ERROR", "malloc failed\n");
-        free(handles);
-        free(recs);
+        held_free(handles);
+        held_free(recs);
         return 0;
     }
 
@@ -196,12 +204,16 @@ int32_t filler_run_workers(uint32_t group, filler_thread_start start) {
     int started = 0;
     for (int i = 0; i < kThreads; ++i) {
         int rc;
+        // Held: a thread start takes the C library's thread-list locks.
+        sigset_t saved;
+        hold_caught_signals(&saved);
         if (i < kFillerWriters) {
             recs[i].group_id = group;
             rc = start(&handles[i], nullptr, fill_fn, &recs[i]);
         } else {
             rc = start(&handles[i], nullptr, read_disturb_fn, &recs[i]);
         }
+        release_caught_signals(&saved);
         if (rc != 0) {
             if (i < kFillerWriters)
                 FLOG("storage_filler", "ERROR", "create w_th %d failed\n", i);
@@ -264,8 +276,8 @@ int32_t filler_run_workers(uint32_t group, filler_thread_start start) {
     }
 
     if (!any_unjoined) {
-        free(handles);
-        free(recs);
+        held_free(handles);
+        held_free(recs);
     }
     return fill;
 }

@@ -31,6 +31,7 @@
 #include "sim/pace.h"
 #include "sim/foreign_exe.h"
 #include "sim/health_model.h"
+#include "sim/inject_run.h"
 #include "sim/util.h"
 
 extern char **environ;
@@ -267,6 +268,7 @@ int phone_main(const PhoneSpec &s) {
     try {
         build_root(s);
         bind_emulator(s);
+        bind_injector(s);
     } catch (const BuildError &e) {
         report(s, "error " + e.message);
         return 1;
@@ -280,6 +282,7 @@ int phone_main(const PhoneSpec &s) {
     ExecPlan plan;
     plan.root = s.root;
     plan.env = phone_env(s.mode);
+    for (auto &e : injector_env(s)) plan.env.push_back(e);
     int out_fd = -1, in_fd = -1;
     if (s.mode == Mode::kRun) {
         plan.argv = {kPhoneExe};

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "sim/fault_events.h"
+#include "sim/inject_run.h"
 #include "sim/pace.h"
 #include "sim/phone_bringup.h"
 #include "sim/util.h"
@@ -340,6 +341,7 @@ bool apply(Profile &p, const std::string &key, const std::string &value, std::st
     if (apply_fault_key(p, key, value, fault_ok, why)) return fault_ok;
     if (apply_pace_key(p, key, value, fault_ok, why)) return fault_ok;
     if (apply_bringup_key(p, key, value, fault_ok, why)) return fault_ok;
+    if (apply_inject_key(p, key, value, fault_ok, why)) return fault_ok;
     why = "unknown key";
     return false;
 }

@@ -154,6 +154,10 @@ struct Profile {
     bool battery_remove = false;
     Trigger battery_remove_at;
     std::vector<ThreadSignal> thread_signals;
+
+    // The fault injector (sim/inject_run.h): its setting ("" none) and library ("" the build's).
+    std::string inject;
+    std::string inject_lib;
 };
 
 // The six files of /proc/zarvo_healthinfo/, in the program's order.

@@ -110,8 +110,11 @@ TEST(AbnormalEnd, SigtermDuringTheFillerKeepsStartAndDumpsTheBuffers) {
 }
 
 TEST(AbnormalEnd, Sigusr1WritesTheTemporaryResultsWithSectionsOnly) {
-    // The signal comes during the first fill, once a writer is at work.
-    auto r = e2e::run("short", {"arg = -n 6", "arg = -s 30", "signal = USR1@log:g_group_size is then thread:2-9:io"});
+    // To the main thread, in its join of the first fill, once a writer is at work. (A signal to
+    // the whole process may go to a worker, the kernel picks any thread that does not hold it
+    // back, and the main sequence, living on, then writes the results file itself.)
+    auto r = e2e::run("short", {"arg = -n 6", "arg = -s 30",
+                                "thread_signal = USR1:0-0:futex@log:g_group_size is then thread:2-9:io"});
     ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
     EXPECT_NE(r.log.find(" SIG 10 catched\n\n"), std::string::npos) << r.log;
     ASSERT_TRUE(r.exists("factory/flash_aging_results.csv_temp"));

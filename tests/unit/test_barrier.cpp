@@ -87,9 +87,10 @@ TEST(ShouldStopNow, StopFlagBitZeroOrWatchdogTestOverExactlyOne) {
     g_filler_stop.store(0);
 }
 
-// A waiter ended inside its wait (the abnormal-end handler ends the thread that caught a
-// signal with pthread_exit) must not take the barrier's mutex with it: the other writers
-// still arrive and wait.
+// A waiter ended in its wait by a signal (the abnormal-end handler ends the thread that
+// caught it; here with pthread_exit, which unwinds the thread) must not take the barrier's
+// mutex with it: the other writers still arrive and wait. The signal is taken between two
+// slices of the wait, with the mutex released.
 TEST(SbmtBarrier, WaiterEndedDuringTheWaitLeavesTheMutexFree) {
 #if defined(__SANITIZE_THREAD__)
     // The thread sanitizer's runtime cannot follow a thread ended from a signal handler
@@ -98,7 +99,7 @@ TEST(SbmtBarrier, WaiterEndedDuringTheWaitLeavesTheMutexFree) {
 #endif
     struct sigaction sa {}, old {};
     sa.sa_handler = [](int) { pthread_exit(nullptr); };
-    ASSERT_EQ(sigaction(SIGUSR2, &sa, &old), 0);
+    ASSERT_EQ(sigaction(SIGUSR1, &sa, &old), 0);
     static sbmt_barrier b;
     std::string out = capture([&] { ASSERT_EQ(sbmt_barrier_init(&b, 3), 1); });
     pthread_t waiter;
@@ -108,9 +109,9 @@ TEST(SbmtBarrier, WaiterEndedDuringTheWaitLeavesTheMutexFree) {
               }, nullptr), 0);
     while (arrived_of(&b) != 1) usleep(1000);
     usleep(100000);  // in the wait now
-    pthread_kill(waiter, SIGUSR2);
+    pthread_kill(waiter, SIGUSR1);
     pthread_join(waiter, nullptr);
-    sigaction(SIGUSR2, &old, nullptr);
+    sigaction(SIGUSR1, &old, nullptr);
 
     EXPECT_EQ(pthread_mutex_trylock(&b.mutex), 0) << "the ended waiter kept the mutex";
     pthread_mutex_unlock(&b.mutex);

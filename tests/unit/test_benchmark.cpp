@@ -29,10 +29,10 @@ TEST(BenchmarkFigures, OffsetsStayInsideTheFileAndTotalsSpanAllWorkers) {
     EXPECT_EQ(bench_offset(false, 0, 0x7fffffff), 16383ull * 4096);
 
     bench_worker w[3] = {};
-    w[0] = {0, 0, 0, 0, 0, 10.0f, 12.0f, 1 << 20};
-    w[1] = {1, 0, 0, 0, 0, 9.5f, 13.0f, 3 << 20};
+    w[0] = {0, 0, 0, 0, 0, 10.0f, 12.0f, 1 << 20, nullptr};
+    w[1] = {1, 0, 0, 0, 0, 9.5f, 13.0f, 3 << 20, nullptr};
     // A worker that stopped on a failed seek: no end, no bytes; it only moves the start.
-    w[2] = {2, 0, 0, 0, 0, 11.0f, 0.0f, 0};
+    w[2] = {2, 0, 0, 0, 0, 11.0f, 0.0f, 0, nullptr};
     uint64_t total = 0;
     float elapsed = 0;
     bench_totals(w, 3, &total, &elapsed);

@@ -1,0 +1,201 @@
+// The fault injector preloaded into the real executable: it counts only the program's own
+// calls, and the reactions it brings out are the program's own, line for line: a failed
+// allocation of the storage filler's worker arrays skips the fill but is no failure, a
+// writer that cannot be started fails the cycle, and a signal at a writer's spin lock ends
+// that writer alone, the main sequence going on to its own end.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "e2e/e2e_support.h"
+
+namespace {
+
+std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+// The executable's function that makes the call returning to an address of the injector's
+// record ("0x1a2b"): the innermost one that is not one of the program's held_* call wrappers
+// (inlined into their callers).
+std::string function_at(const std::string &address) {
+    char before[32];
+    snprintf(before, sizeof before, "0x%llx", std::stoull(address, nullptr, 16) - 1);
+    const std::string cmd = std::string("addr2line -f -C -i -e ") + FLASHAGING_BIN + " " + before;
+    FILE *p = popen(cmd.c_str(), "r");
+    if (p == nullptr) return "?";
+    char line[512] = {};
+    std::string found = "?";
+    for (int i = 0; fgets(line, sizeof line, p) != nullptr; ++i) {
+        if (i % 2 != 0) continue;  // file:line
+        std::string name = line;
+        const std::string anonymous = "(anonymous namespace)::";
+        for (size_t at; (at = name.find(anonymous)) != std::string::npos;) name.erase(at, anonymous.size());
+        name = name.substr(0, name.find_first_of("(\n"));  // the arguments
+        const size_t colons = name.rfind("::");
+        if (colons != std::string::npos) name = name.substr(colons + 2);
+        if (name.rfind("held_", 0) != 0) {
+            found = name;
+            break;
+        }
+    }
+    pclose(p);
+    return found;
+}
+
+// The number of the first call of a trace ("call KIND N FUNCTION caller exe+0x...") made by
+// `function` of the executable; 0 when there is none.
+unsigned first_call_from(const std::string &record, const std::string &function) {
+    const std::regex call(R"(call \S+ (\d+) \S+ caller exe\+(0x[0-9a-f]+))");
+    std::istringstream lines(record);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::smatch m;
+        if (std::regex_search(line, m, call) && function_at(m[2]) == function) return std::stoul(m[1]);
+    }
+    return 0;
+}
+
+// Whether the log holds `body` as a whole line behind the timestamp prefix.
+bool has_line(const std::string &log, const std::string &body_re) {
+    return std::regex_search(log, std::regex(R"((^|\n)\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\]\[\d+\])" + body_re + "\n"));
+}
+
+int run_alone(const std::string &spec, const std::string &dir) {
+    const std::string cmd = std::string("rm -rf ") + dir + " && mkdir -p " + dir + " && LD_PRELOAD=" +
+                            FLASHAGING_INJECT_LIB + " FLASHAGING_INJECT=" + spec + " FLASHAGING_INJECT_DIR=" + dir +
+                            " " + FLASHAGING_BIN + " >" + dir + "/out.txt 2>&1";
+    const int st = system(cmd.c_str());
+    return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+}
+
+uint64_t count_of(const std::string &dir, int kind) {
+    const std::string counts = slurp(dir + "/count");
+    uint64_t v = 0;
+    if (counts.size() >= static_cast<size_t>(8 * (kind + 1))) memcpy(&v, counts.data() + 8 * kind, 8);
+    return v;
+}
+
+// Outside a phone the program finds no daemon and ends after its first log line: two writes
+// of standard output (the prefix and the body), and no call of another kind of its own,
+// whatever the C library and the loader did to start it.
+TEST(Injector, CountsOnlyTheProgramsOwnCalls) {
+    const std::string dir = std::string(FLASHAGING_TEST_OUT) + "/Injector.CountsAlone";
+    ASSERT_EQ(run_alone("all:0:count", dir), 0) << slurp(dir + "/out.txt");
+    EXPECT_EQ(count_of(dir, 12), 2u) << "log";
+    for (int kind = 1; kind <= 11; ++kind) EXPECT_EQ(count_of(dir, kind), 0u) << "kind " << kind;
+    EXPECT_EQ(slurp(dir + "/record").rfind("armed all:0:count pid ", 0), 0u) << slurp(dir + "/record");
+    // The program's shell commands and tools run without it.
+    EXPECT_EQ(slurp(dir + "/out.txt").find("LD_PRELOAD"), std::string::npos);
+
+    // The second write of the line: the signal goes to the thread once the line is out.
+    ASSERT_EQ(run_alone("log:2:SIGTERM:after", dir), 0);
+    const std::string out = slurp(dir + "/out.txt");
+    EXPECT_NE(out.find("Connecting Aging UI deamon service...\n"), std::string::npos) << out;
+    EXPECT_TRUE(has_line(out, R"(\[FLASH\]ERROR:flash_sigroutine:\d+ SIG 15 catched\n)")) << out;
+    EXPECT_NE(slurp(dir + "/record").find("fired log:2:SIGTERM:after call vfprintf caller exe+0x"), std::string::npos);
+}
+
+// A trace of the kind, then the fault at the first call a function makes.
+struct Fault {
+    e2e::RunResult run;
+    std::string record;
+};
+
+Fault fault_at_first_call(const std::string &kind, const std::string &function, const std::string &fault) {
+    Fault f;
+    auto trace = e2e::run("sweep", {"inject = " + kind + ":0:trace", std::string("inject_lib = ") + FLASHAGING_INJECT_LIB});
+    const unsigned n = first_call_from(slurp(trace.out_dir + "/inject/record"), function);
+    EXPECT_GT(n, 0u) << "no " << kind << " call from " << function;
+    if (n == 0) return f;
+    f.run = e2e::run("sweep", {"inject = " + kind + ":" + std::to_string(n) + ":" + fault,
+                               std::string("inject_lib = ") + FLASHAGING_INJECT_LIB});
+    f.record = slurp(f.run.out_dir + "/inject/record");
+    EXPECT_NE(f.record.find("fired " + kind + ":" + std::to_string(n) + ":" + fault), std::string::npos) << f.record;
+    // Loaded into the executable alone: the shell commands and the health tool run without it.
+    EXPECT_EQ(e2e::count(f.record, "armed "), 1) << f.record;
+    return f;
+}
+
+TEST(Injector, FailedAllocationOfTheFillersWorkerArraysSkipsTheFillButPasses) {
+    Fault f = fault_at_first_call("alloc", "filler_run_workers", "ENOMEM");
+    const e2e::RunResult &r = f.run;
+    ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
+    EXPECT_TRUE(has_line(r.log, R"(\[FLASH\]ERROR:storage_filler:\d+ malloc failed)")) << r.log;
+    EXPECT_EQ(e2e::count(r.log, "fill_fn"), 0) << "no writer started";
+    EXPECT_TRUE(has_line(r.log, R"(\[FLASH\]INFO:storage_filler_run:\d+ fill_cycle 0/1 cost \d+\.\d\ds)")) << r.log;
+    EXPECT_EQ(r.verdict_word(), "SUCCESS");
+    EXPECT_TRUE(e2e::journal_has(r, "cleanEnvDone 2 1")) << r.journal;
+    EXPECT_EQ(e2e::count(r.journal, "finishOtherTest"), 0) << r.journal;
+}
+
+TEST(Injector, WriterThatCannotStartFailsTheCycle) {
+    Fault f = fault_at_first_call("create", "filler_run_workers", "EAGAIN");
+    const e2e::RunResult &r = f.run;
+    ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
+    EXPECT_TRUE(has_line(r.log, R"(\[FLASH\]ERROR:storage_filler:\d+ create w_th 0 failed)")) << r.log;
+    EXPECT_TRUE(has_line(r.log, R"(\[FLASH\]ERROR:storage_filler_run:\d+ storage_filler cycle 0 fail 11)")) << r.log;
+    EXPECT_EQ(e2e::count(r.log, "benchmark"), 0) << "the cycle ends before the benchmark";
+    EXPECT_EQ(r.verdict_word(), "FAIL");
+    EXPECT_TRUE(e2e::journal_has(r, "cleanEnvDone 2 0")) << r.journal;
+    EXPECT_EQ(e2e::count(r.journal, "finishOtherTest 2"), 1) << r.journal;
+}
+
+// SIGTERM to the first writer just after it took the spin lock of its choice of a file: it
+// holds the signal until it lets go of the lock, then the handler ends it alone. The main
+// sequence goes on to its end: two verdict reports to the daemon, the handler's (with its
+// finishOtherTest) and the main sequence's, and "START" stays in the record (the buffer
+// dump took its descriptor).
+TEST(Injector, SignalAtAWritersSpinLockEndsThatWriterAlone) {
+    auto trace = e2e::run("sweep", {"inject = lock:0:trace", std::string("inject_lib = ") + FLASHAGING_INJECT_LIB});
+    const std::string calls = slurp(trace.out_dir + "/inject/record");
+    // Before the writers only the watchdog locks (once), so this is the first writer's lock.
+    const unsigned n = first_call_from(calls, "random_finish_group_file");
+    ASSERT_GT(n, 0u) << calls.substr(0, 2000);
+    auto r = e2e::run("sweep", {"inject = lock:" + std::to_string(n) + ":SIGTERM:after",
+                                std::string("inject_lib = ") + FLASHAGING_INJECT_LIB});
+    ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
+    const std::string record = slurp(r.out_dir + "/inject/record");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(record, m, std::regex(R"(fired lock:\d+:SIGTERM:after call pthread_spin_lock caller exe\+(0x[0-9a-f]+) tid (\d+))")))
+        << record;
+    EXPECT_EQ(function_at(m[1]), "random_finish_group_file");
+    EXPECT_TRUE(has_line(r.log, R"(\[FLASH\]ERROR:flash_sigroutine:\d+ SIG 15 catched\n)")) << r.log;
+    EXPECT_NE(r.log.find("][" + std::string(m[2]) + "][FLASH]ERROR:flash_sigroutine:"), std::string::npos)
+        << "caught by the writer that took the lock";
+    EXPECT_TRUE(has_line(r.log, R"(\[FLASH\]INFO:flash_agingcost:\d+ flash aging cost time :\d+\.\d+\(S\) )")) << r.log;
+    EXPECT_EQ(r.verdict_word(), "START");
+    EXPECT_EQ(e2e::count(r.journal, "dump_stack"), 1) << r.journal;
+    EXPECT_EQ(e2e::count(r.journal, "cleanEnvDone 2 "), 2) << r.journal;
+    const int finishes = e2e::count(r.journal, "finishOtherTest 2");
+    EXPECT_TRUE(finishes == 1 || (finishes == 2 && e2e::journal_has(r, "cleanEnvDone 2 0"))) << r.journal;
+}
+
+// SIGTERM just after the pass/fail record is created, before it says START: the signal waits
+// until the record says START and the handler has its descriptor, so the handler's verdict
+// goes into it (it was left empty, a record with no word at all).
+TEST(Injector, SignalJustAfterTheRecordIsCreatedFindsItSayingStart) {
+    Fault f = fault_at_first_call("open", "open_result_marker", "SIGTERM:after");
+    const e2e::RunResult &r = f.run;
+    ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
+    ASSERT_TRUE(r.has_record);
+    EXPECT_TRUE(has_line(r.log, R"(\[FLASH\]ERROR:flash_sigroutine:\d+ SIG 15 catched\n)")) << r.log;
+    EXPECT_EQ(r.log.find("Init Success!"), std::string::npos) << "the main thread ended in set-up";
+    EXPECT_EQ(r.verdict_word(), "SUCCESS") << "the verdict the handler saw: nothing had failed";
+    EXPECT_EQ(e2e::count(r.journal, "dump_stack"), 1) << r.journal;
+}
+
+}  // namespace
