@@ -156,6 +156,13 @@ int save_test_results_temp(const test_result *results, uint64_t count) {
 }
 
 void save_test_results(const test_result *results, uint64_t count) {
+    // From the temporary file's creation to its rename the caught signals are held: a thread
+    // ended meanwhile would leave its half-written temporary file (its stream never flushed)
+    // beside the results file. A signal that comes meanwhile is taken once the file is in
+    // place.
+    sigset_t saved;
+    hold_caught_signals(&saved);
     save_test_results_temp(results, count);
     install_results_file(paths::kResultsTempFile, paths::kResultsFile);
+    release_caught_signals(&saved);
 }

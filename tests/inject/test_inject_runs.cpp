@@ -198,4 +198,24 @@ TEST(Injector, SignalJustAfterTheRecordIsCreatedFindsItSayingStart) {
     EXPECT_EQ(e2e::count(r.journal, "dump_stack"), 1) << r.journal;
 }
 
+// SIGTERM to the main thread while it writes the results file through its temporary name
+// (an allocation of the memory-temperature section): the signal waits until the file is in
+// place, so no half-written temporary file stays beside it. (With the kernel's thread exit,
+// the strict-end build, an empty one stayed: the ended thread's stream was never flushed.)
+TEST(Injector, SignalWhileTheResultsAreWrittenLeavesNoTemporaryFile) {
+    Fault f = fault_at_first_call("alloc", "write_memory_temperature", "SIGTERM");
+    const e2e::RunResult &r = f.run;
+    ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
+    EXPECT_TRUE(has_line(r.log, R"(\[FLASH\]ERROR:flash_sigroutine:\d+ SIG 15 catched\n)")) << r.log;
+    EXPECT_FALSE(r.exists("factory/flash_aging_results.csv_temp"));
+    ASSERT_TRUE(r.has_results_csv);
+    EXPECT_NE(r.results_csv.find("\nversion,description,test_id,result_id,units,minimum,maximum,value,stdev,"
+                                 "num_samples,test_ran,duration_sec,status\n"),
+              std::string::npos)
+        << r.results_csv;
+    EXPECT_EQ(r.results_csv.back(), '\n');
+    EXPECT_EQ(r.verdict_word(), "START");
+    EXPECT_EQ(e2e::count(r.journal, "dump_stack"), 1) << r.journal;
+}
+
 }  // namespace
