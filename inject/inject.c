@@ -6,7 +6,7 @@
  *
  * Settings (environment; read and removed at load, so that the program's shell commands and
  * the health tool run without them):
- *   FLASHAGING_INJECT      KIND:N:ACTION[:WHEN] (inject_spec.h)
+ *   FLASHAGING_INJECT      KIND:N:ACTION[:WHEN] (inject_plan.h)
  *   FLASHAGING_INJECT_DIR  folder of the two files below (default /sim/inject)
  * Files:
  *   count   the number of calls of each kind counted so far: one 8-byte little-endian
@@ -37,9 +37,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "inject/inject_spec.h"
+#include "inject/inject_plan.h"
 
-static struct inject_spec g_spec;
+static struct inject_plan g_plan;
 static uint64_t *g_count;         /* per kind, in the count file's mapping */
 static int g_record_fd = -1;
 static uintptr_t g_exe_start, g_exe_end, g_exe_bias;
@@ -126,7 +126,7 @@ __attribute__((constructor)) static void inject_load(void) {
     if (text != NULL) {
         g_record_fd = open_in(dir, "record", O_WRONLY | O_CREAT | O_APPEND);
         char line[600];
-        if (parse_inject_spec(text, &g_spec)) {
+        if (parse_inject_plan(text, &g_plan)) {
             const int fd = open_in(dir, "count", O_RDWR | O_CREAT);
             if (fd >= 0 && ftruncate(fd, 4096) == 0) {
                 void *m = mmap(NULL, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -134,9 +134,9 @@ __attribute__((constructor)) static void inject_load(void) {
             }
             if (fd >= 0) close(fd);
             dl_iterate_phdr(find_exe, NULL);
-            char spec[256];
-            format_inject_spec(&g_spec, spec, sizeof spec);
-            snprintf(line, sizeof line, "armed %s pid %d%s\n", spec, (int)getpid(),
+            char plan[256];
+            format_inject_plan(&g_plan, plan, sizeof plan);
+            snprintf(line, sizeof line, "armed %s pid %d%s\n", plan, (int)getpid(),
                      g_count == NULL ? " (no count file: nothing counted)" : "");
             g_ready = g_count != NULL;
         } else {
@@ -161,9 +161,9 @@ static enum step count_call(enum inject_kind kind, const void *caller, const cha
     const uintptr_t ra = (uintptr_t)caller;
     if (ra < g_exe_start || ra >= g_exe_end) return STEP_PASS;
     const uint64_t n = __atomic_add_fetch(&g_count[kind], 1, __ATOMIC_RELAXED);
-    if (kind != g_spec.kind) return STEP_PASS;
-    char spec[256], line[512];
-    if (g_spec.action == INJECT_TRACE) {
+    if (kind != g_plan.kind) return STEP_PASS;
+    char plan[256], line[512];
+    if (g_plan.action == INJECT_TRACE) {
         ++t_busy;
         snprintf(line, sizeof line, "call %s %llu %s caller exe+0x%lx tid %ld\n", inject_kind_name(kind),
                  (unsigned long long)n, function, (unsigned long)(ra - g_exe_bias), (long)syscall(SYS_gettid));
@@ -171,24 +171,24 @@ static enum step count_call(enum inject_kind kind, const void *caller, const cha
         --t_busy;
         return STEP_PASS;
     }
-    if (n != g_spec.n || g_spec.action == INJECT_COUNT) return STEP_PASS;
+    if (n != g_plan.n || g_plan.action == INJECT_COUNT) return STEP_PASS;
     ++t_busy;
-    format_inject_spec(&g_spec, spec, sizeof spec);
-    snprintf(line, sizeof line, "fired %s call %s caller exe+0x%lx tid %ld\n", spec, function,
+    format_inject_plan(&g_plan, plan, sizeof plan);
+    snprintf(line, sizeof line, "fired %s call %s caller exe+0x%lx tid %ld\n", plan, function,
              (unsigned long)(ra - g_exe_bias), (long)syscall(SYS_gettid));
     record_line(line);
     --t_busy;
-    if (g_spec.action == INJECT_FAIL) return STEP_FAIL;
-    return g_spec.after ? STEP_SIGNAL_AFTER : STEP_SIGNAL_BEFORE;
+    if (g_plan.action == INJECT_FAIL) return STEP_FAIL;
+    return g_plan.after ? STEP_SIGNAL_AFTER : STEP_SIGNAL_BEFORE;
 }
 
-static void signal_self(void) { syscall(SYS_tgkill, getpid(), syscall(SYS_gettid), g_spec.signo); }
+static void signal_self(void) { syscall(SYS_tgkill, getpid(), syscall(SYS_gettid), g_plan.signo); }
 
 /* Before the call: sends the signal, or sets errno and tells the caller to fail the call. */
 static int fails(enum step s) {
     if (s == STEP_SIGNAL_BEFORE) signal_self();
     if (s != STEP_FAIL) return 0;
-    errno = g_spec.error;
+    errno = g_plan.error;
     return 1;
 }
 
@@ -251,7 +251,7 @@ int posix_memalign(void **out, size_t alignment, size_t size) {
     }
     NEXT(posix_memalign);
     const enum step s = COUNT(INJECT_ALLOC, "posix_memalign");
-    if (fails(s)) return g_spec.error;
+    if (fails(s)) return g_plan.error;
     const int rc = real_posix_memalign(out, alignment, size);
     done(s);
     return rc;
@@ -335,7 +335,7 @@ int system(const char *command) {
 int pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *), void *arg) {
     NEXT(pthread_create);
     const enum step s = COUNT(INJECT_CREATE, "pthread_create");
-    if (fails(s)) return g_spec.error;
+    if (fails(s)) return g_plan.error;
     const int rc = real_pthread_create(thread, attr, body, arg);
     done(s);
     return rc;
@@ -344,7 +344,7 @@ int pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(
 int pthread_join(pthread_t thread, void **result) {
     NEXT(pthread_join);
     const enum step s = COUNT(INJECT_JOIN, "pthread_join");
-    if (fails(s)) return g_spec.error;
+    if (fails(s)) return g_plan.error;
     const int rc = real_pthread_join(thread, result);
     done(s);
     return rc;

@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "inject/inject_spec.h"
+#include "inject/inject_plan.h"
 #include "sim/phone_internal.h"
 #include "sim/util.h"
 
@@ -22,8 +22,8 @@ std::string injector_library(const PhoneSpec &s) {
 
 bool apply_inject_key(Profile &p, const std::string &key, const std::string &value, bool &ok, std::string &why) {
     if (key == "inject") {
-        inject_spec spec;
-        ok = value.empty() || parse_inject_spec(value.c_str(), &spec) != 0;
+        inject_plan plan;
+        ok = value.empty() || parse_inject_plan(value.c_str(), &plan) != 0;
         if (ok)
             p.inject = value;
         else

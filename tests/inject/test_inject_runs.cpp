@@ -74,9 +74,9 @@ bool has_line(const std::string &log, const std::string &body_re) {
     return std::regex_search(log, std::regex(R"((^|\n)\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\]\[\d+\])" + body_re + "\n"));
 }
 
-int run_alone(const std::string &spec, const std::string &dir) {
+int run_alone(const std::string &plan, const std::string &dir) {
     const std::string cmd = std::string("rm -rf ") + dir + " && mkdir -p " + dir + " && LD_PRELOAD=" +
-                            FLASHAGING_INJECT_LIB + " FLASHAGING_INJECT=" + spec + " FLASHAGING_INJECT_DIR=" + dir +
+                            FLASHAGING_INJECT_LIB + " FLASHAGING_INJECT=" + plan + " FLASHAGING_INJECT_DIR=" + dir +
                             " " + FLASHAGING_BIN + " >" + dir + "/out.txt 2>&1";
     const int st = system(cmd.c_str());
     return WIFEXITED(st) ? WEXITSTATUS(st) : -1;

@@ -1,4 +1,4 @@
-#include "inject/inject_spec.h"
+#include "inject/inject_plan.h"
 
 #include <errno.h>
 #include <signal.h>
@@ -63,13 +63,13 @@ static int can_fail(enum inject_kind kind) {
     return kind != INJECT_LOCK && kind != INJECT_WAIT && kind != INJECT_LOG;
 }
 
-int parse_inject_spec(const char *text, struct inject_spec *spec) {
+int parse_inject_plan(const char *text, struct inject_plan *plan) {
     if (text == NULL) return 0;
     const char *at = text;
     char kind[16], number[24], action[16], when[16];
     if (!field(&at, kind, sizeof kind) || !field(&at, number, sizeof number) || !field(&at, action, sizeof action))
         return 0;
-    struct inject_spec s = {INJECT_NONE, 0, INJECT_COUNT, 0, 0, 0};
+    struct inject_plan s = {INJECT_NONE, 0, INJECT_COUNT, 0, 0, 0};
     int k = 0;
     if (strcmp(kind, "all") == 0)
         k = INJECT_NONE;
@@ -103,14 +103,14 @@ int parse_inject_spec(const char *text, struct inject_spec *spec) {
         else if (strcmp(when, "before") != 0)
             return 0;
     }
-    *spec = s;
+    *plan = s;
     return 1;
 }
 
-void format_inject_spec(const struct inject_spec *spec, char *out, size_t size) {
-    const char *kind = inject_kind_name(spec->kind);
-    const unsigned long long n = (unsigned long long)spec->n;
-    switch (spec->action) {
+void format_inject_plan(const struct inject_plan *plan, char *out, size_t size) {
+    const char *kind = inject_kind_name(plan->kind);
+    const unsigned long long n = (unsigned long long)plan->n;
+    switch (plan->action) {
     case INJECT_COUNT:
         snprintf(out, size, "%s:%llu:count", kind, n);
         break;
@@ -118,11 +118,11 @@ void format_inject_spec(const struct inject_spec *spec, char *out, size_t size) 
         snprintf(out, size, "%s:%llu:trace", kind, n);
         break;
     case INJECT_FAIL:
-        snprintf(out, size, "%s:%llu:%s", kind, n, name_of(errors, COUNT_OF(errors), spec->error));
+        snprintf(out, size, "%s:%llu:%s", kind, n, name_of(errors, COUNT_OF(errors), plan->error));
         break;
     case INJECT_SIGNAL:
-        snprintf(out, size, "%s:%llu:SIG%s:%s", kind, n, name_of(signals, COUNT_OF(signals), spec->signo),
-                 spec->after ? "after" : "before");
+        snprintf(out, size, "%s:%llu:SIG%s:%s", kind, n, name_of(signals, COUNT_OF(signals), plan->signo),
+                 plan->after ? "after" : "before");
         break;
     }
 }

@@ -2,8 +2,8 @@
  * "write:37:SIGTERM:after", "lock:0:count". Parsed and printed without allocating (the
  * injector parses it while the process loads). C, so that the injector can define the C
  * library's functions with the C library's own declarations. */
-#ifndef FLASHAGING_INJECT_SPEC_H
-#define FLASHAGING_INJECT_SPEC_H
+#ifndef FLASHAGING_INJECT_PLAN_H
+#define FLASHAGING_INJECT_PLAN_H
 
 #include <stddef.h>
 #include <stdint.h>
@@ -36,7 +36,7 @@ enum inject_action {
     INJECT_SIGNAL, /* `signo` to the calling thread, before the call or after it returns */
 };
 
-struct inject_spec {
+struct inject_plan {
     enum inject_kind kind;
     uint64_t n; /* the call, counted from 1, that gets the fault */
     enum inject_action action;
@@ -45,16 +45,16 @@ struct inject_spec {
     int after;  /* INJECT_SIGNAL: just after the call returns */
 };
 
-/* Parses the setting; 0 (spec untouched) when it is not one, else 1. ACTION is "count",
+/* Parses the setting; 0 (plan untouched) when it is not one, else 1. ACTION is "count",
  * "trace", an error or a signal; the kind "all" (only with count) counts every kind. Errors go by their names
  * (ENOMEM, EIO, ENOSPC, EMFILE, EAGAIN, ENOENT, EINVAL, EACCES, ENFILE), signals by theirs
  * with or without "SIG" (TERM, USR1, SEGV, INT, ABRT, ...). A fault needs N >= 1; a signal
  * fits every kind, an error only a kind whose calls can fail (not lock, wait or log). WHEN
  * (before, the default, or after) is for signals only. */
-int parse_inject_spec(const char *text, struct inject_spec *spec);
+int parse_inject_plan(const char *text, struct inject_plan *plan);
 
-/* The setting as text, as parse_inject_spec reads it ("write:37:SIGTERM:after"). */
-void format_inject_spec(const struct inject_spec *spec, char *out, size_t size);
+/* The setting as text, as parse_inject_plan reads it ("write:37:SIGTERM:after"). */
+void format_inject_plan(const struct inject_plan *plan, char *out, size_t size);
 
 /* The kind's name ("alloc", ...; "all" for INJECT_NONE). */
 const char *inject_kind_name(enum inject_kind kind);
