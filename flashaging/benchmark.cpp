@@ -120,27 +120,13 @@ uint32_t bench_transfers_taken() {
     return n;
 }
 
-// Frees a worker's transfer buffer and forgets it in one held step, so that the buffer is
-// freed exactly once whether or not the worker is ended on the way.
-static void bench_free_buffer(bench_worker *w) {
-    sigset_t saved;
-    hold_caught_signals(&saved);
-    free(w->buf);
-    w->buf = nullptr;
-    release_caught_signals(&saved);
-}
-
 void *benchmark_fn(void *arg) {
     let_caught_signals_in();  // started inside a hold
     auto *w = static_cast<bench_worker *>(arg);
     const int32_t size = w->sequential ? kSeqSize : kRandSize;
     const uint32_t count = w->sequential ? kSeqCount : kRandCount;
 
-    sigset_t saved;
-    hold_caught_signals(&saved);
-    auto *buf = static_cast<uint8_t *>(aligned_alloc(4096, static_cast<size_t>(size)));
-    w->buf = buf;
-    release_caught_signals(&saved);
+    auto *buf = static_cast<uint8_t *>(held_aligned_alloc_kept(&w->buf, 4096, static_cast<size_t>(size)));
     if (buf == nullptr) {
         flash_printf("malloc size %d fail\n", size);
         return nullptr;
@@ -153,6 +139,7 @@ void *benchmark_fn(void *arg) {
     // eight workers share the descriptor and its position: the seek and the transfer are not
     // one step, on purpose (the figure is the point, not the exact placement). From the draw
     // to the unlock the caught signals are held (one hold per transfer).
+    sigset_t saved;
     hold_caught_signals(&saved);
     int32_t r = rand();
     bool locked = true;
@@ -169,7 +156,7 @@ void *benchmark_fn(void *arg) {
         for (;;) {
             if (lseek(w->fd, static_cast<off_t>(offset), SEEK_SET) < 0) {
                 flash_printf("lseek failed %d\n", errno);
-                bench_free_buffer(w);
+                held_free_kept(&w->buf);
                 return nullptr;
             }
             done = w->write ? write(w->fd, buf, static_cast<size_t>(size))
@@ -200,7 +187,7 @@ void *benchmark_fn(void *arg) {
 
     w->end = monotonic_seconds();
     w->bytes = bytes;
-    bench_free_buffer(w);
+    held_free_kept(&w->buf);
     return nullptr;
 }
 
@@ -264,7 +251,7 @@ int benchmark_check() {
         }
         // What a worker ended by the abnormal-end handler left behind.
         for (int i = 0; i < kBenchWorkers; ++i) {
-            if (started[i]) bench_free_buffer(&workers[i]);
+            if (started[i]) held_free_kept(&workers[i].buf);
         }
 
         close(fd);

@@ -14,7 +14,7 @@ struct bench_worker {
     uint64_t bytes;
     // The worker's transfer buffer while it has one: a worker that the abnormal-end handler
     // ended leaves it here, and the mode's thread frees it after the join.
-    uint8_t *buf;
+    void *buf;
 };
 
 int benchmark_check();            // 0 passed or skipped, else the first failing worker's errno

@@ -45,8 +45,11 @@ void init_file_group(uint32_t case_id);
 void file_unit_free();
 int system_rm_file(const char *path);
 
-int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint64_t *bytes_written);
+// kept: where the writer keeps its own pattern buffer while it writes (null: nowhere else).
+int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint64_t *bytes_written,
+                                 void **kept = nullptr);
 file_desc *random_get_file_desc(int32_t r);
 void fill_unit_buffer(file_desc *desc, uint8_t *buf, int32_t size);
 
-int32_t read_disturb_file();
+// kept: two slots where the reader keeps its buffers while it reads (null: nowhere else).
+int32_t read_disturb_file(void **kept = nullptr);

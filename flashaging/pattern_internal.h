@@ -37,7 +37,7 @@ void pattern_shared_buffers_free();
 
 // The read-disturb loop over the pattern files in dir (ending in a slash);
 // read_disturb_file() runs it on the work area's pattern directory.
-int32_t read_disturb_file_in(const char *dir);
+int32_t read_disturb_file_in(const char *dir, void **kept = nullptr);
 
 // Size of the zeroed buffers that file names and shell commands are formatted into.
 inline constexpr int kPatternNameLen = 64;

@@ -71,7 +71,7 @@ bool find_disturb_files(const char *dir, const file_desc *desc, char (&slots)[kS
 
 }  // namespace
 
-int32_t read_disturb_file_in(const char *dir) {
+int32_t read_disturb_file_in(const char *dir, void **kept) {
     char slots[kSlots][kPatternNameLen] = {};
     char scratch[kPatternNameLen] = {};
 
@@ -90,21 +90,26 @@ int32_t read_disturb_file_in(const char *dir) {
     const int32_t op_size = desc->file_size < kMaxReadSize ? desc->file_size : kMaxReadSize;
     // The fill always lays down a whole block, so never hold less than one.
     const size_t alloc_size = op_size > kBlockSize ? static_cast<size_t>(op_size) : kBlockSize;
-    auto *rbuf = static_cast<uint8_t *>(held_aligned_alloc(kBlockSize, alloc_size));
+    void *own[2] = {};
+    void **slots_of_buffers = kept != nullptr ? kept : own;
+    auto *rbuf = static_cast<uint8_t *>(held_aligned_alloc_kept(&slots_of_buffers[0], kBlockSize, alloc_size));
     if (rbuf == nullptr) {
         FLOG("read_disturb_file", "INFO", "malloc size %d failed\n", op_size);
         return 1;
     }
-    auto *expected = static_cast<uint8_t *>(held_malloc(alloc_size));
+    auto *expected = static_cast<uint8_t *>(held_malloc_kept(&slots_of_buffers[1], alloc_size));
+    auto free_buffers = [&] {
+        held_free_kept(&slots_of_buffers[0]);
+        held_free_kept(&slots_of_buffers[1]);
+    };
     if (expected == nullptr) {
         FLOG("read_disturb_file", "INFO", "malloc size %d failed\n", op_size);
-        held_free(rbuf);
+        free_buffers();
         return 1;
     }
     if (!pattern_fill(desc->unit, expected, op_size)) {
         // No pattern block to compare with: nothing read could be judged.
-        held_free(rbuf);
-        held_free(expected);
+        free_buffers();
         return 1;
     }
 
@@ -163,9 +168,8 @@ int32_t read_disturb_file_in(const char *dir) {
         FLOG("read_disturb_file", "INFO", "read_times is %d, average 1000 times cost %.2fs\n",
              static_cast<int>(good_reads), static_cast<double>(average));
     }
-    held_free(rbuf);
-    held_free(expected);
+    free_buffers();
     return result;
 }
 
-int32_t read_disturb_file() { return read_disturb_file_in(paths::kPatternDir); }
+int32_t read_disturb_file(void **kept) { return read_disturb_file_in(paths::kPatternDir, kept); }

@@ -141,7 +141,7 @@ file_desc *random_get_file_desc(int32_t r) {
     return chosen;
 }
 
-int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint64_t *bytes_written) {
+int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint64_t *bytes_written, void **kept) {
     // The caught signals are held from the draw to the end of the choice: a writer ended
     // holding the generator's lock or the spin lock would stop every other writer.
     sigset_t saved;
@@ -207,24 +207,25 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
 
     const int32_t op_size = file_size < kMaxWriteSize ? file_size : kMaxWriteSize;
     const uint8_t *buf = shared_pattern_buffer(chosen->unit, op_size);
-    uint8_t *own = nullptr;
+    void *own_slot = nullptr;
+    void **own = kept != nullptr ? kept : &own_slot;
     if (buf == nullptr) {
         // The fill always lays down a whole block, so never hand out less than one.
         const size_t alloc_size = op_size > kBlockSize ? static_cast<size_t>(op_size) : kBlockSize;
-        own = static_cast<uint8_t *>(held_aligned_alloc(kBlockSize, alloc_size));
-        if (own == nullptr) {
+        auto *made = static_cast<uint8_t *>(held_aligned_alloc_kept(own, kBlockSize, alloc_size));
+        if (made == nullptr) {
             FLOG("random_finish_group_file", "INFO", "malloc size %d failed\n", op_size);
             close(fd);
             return 1;
         }
-        if (!pattern_fill(chosen->unit, own, op_size)) {
+        if (!pattern_fill(chosen->unit, made, op_size)) {
             // No pattern block (its allocation failed): a file of whatever the fresh buffer
             // holds would be no pattern file. The writer stops.
             close(fd);
-            held_free(own);
+            held_free_kept(own);
             return 1;
         }
-        buf = own;
+        buf = made;
     }
 
     if (file_size >= 1) {
@@ -240,7 +241,7 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
                      static_cast<int>(ret), err, free_space, op_size);
                 const int32_t result = errno == ENOSPC ? 2 : 1;
                 close(fd);
-                held_free(own);
+                held_free_kept(own);
                 return result;
             }
             written += static_cast<int32_t>(ret);
@@ -249,7 +250,7 @@ int32_t random_finish_group_file(pthread_spinlock_t *lock, const char *dir, uint
         }
     }
     close(fd);
-    held_free(own);
+    held_free_kept(own);
     return 0;
 }
 

@@ -101,6 +101,36 @@ void let_caught_signals_in();
     release_caught_signals(&saved);
 }
 
+// A buffer kept in a slot of a record that outlives the thread: allocated and put in the slot
+// in one held step, freed and taken out of it in one held step. A thread that the handler
+// ends leaves it in the slot, and whoever joins the thread frees it there; it is freed once.
+[[gnu::always_inline]] inline void *held_aligned_alloc_kept(void **slot, size_t alignment, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = aligned_alloc(alignment, size);
+    *slot = p;
+    release_caught_signals(&saved);
+    return p;
+}
+
+[[gnu::always_inline]] inline void *held_malloc_kept(void **slot, size_t size) {
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    void *p = malloc(size);
+    *slot = p;
+    release_caught_signals(&saved);
+    return p;
+}
+
+[[gnu::always_inline]] inline void held_free_kept(void **slot) {
+    if (*slot == nullptr) return;
+    sigset_t saved;
+    hold_caught_signals(&saved);
+    free(*slot);
+    *slot = nullptr;
+    release_caught_signals(&saved);
+}
+
 [[gnu::always_inline]] inline int held_rand() {
     sigset_t saved;
     hold_caught_signals(&saved);

@@ -119,7 +119,7 @@ void filler_write_files(filler *rec, const char *dir, const char *space_path) {
         int32_t status = 0;
         for (;;) {
             while (status == 0)
-                status = random_finish_group_file(&g_filler_lock, dir, &written);
+                status = random_finish_group_file(&g_filler_lock, dir, &written, &rec->kept[0]);
             if (status == 1) {
                 ret = 1;
                 break;
@@ -163,7 +163,8 @@ void *fill_fn(void *rec) {
 
 void *read_disturb_fn(void *rec) {
     let_caught_signals_in();  // started inside a hold
-    static_cast<filler *>(rec)->output.store(read_disturb_file(), std::memory_order_relaxed);
+    auto *r = static_cast<filler *>(rec);
+    r->output.store(read_disturb_file(r->kept), std::memory_order_relaxed);
     g_filler_stop.store(1, std::memory_order_relaxed);
     return nullptr;
 }
@@ -266,6 +267,13 @@ int32_t filler_run_workers(uint32_t group, filler_thread_start start) {
 
     sbmt_barrier_destroy(&g_filler_barrier);
     pthread_spin_destroy(&g_filler_lock);
+
+    // What a thread ended by the abnormal-end handler left behind (a thread that could not be
+    // joined may still be using its buffers).
+    for (int i = 0; i < started; ++i) {
+        if (unjoined[i]) continue;
+        for (void *&kept : recs[i].kept) held_free_kept(&kept);
+    }
 
     for (int i = 0; i < kThreads; ++i) {
         if (outputs[i] == 0)  // also a thread that could not be joined: its record is not read

@@ -17,6 +17,10 @@ struct filler {
     // 0 ended normally, 1 failure, WDT_TIMEOUT_CODE watchdog end. Written by its own thread;
     // read by the cycle after the joins, or while the threads still run when a start failed.
     std::atomic<int32_t> output;
+    // The buffers the thread works with while it has them (a reader's two, a writer's own
+    // pattern buffer): a thread that the abnormal-end handler ended leaves them here, and the
+    // cycle frees them after the join.
+    void *kept[2] = {};
 };
 
 flash_test *storage_filler_init();

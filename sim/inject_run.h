@@ -24,7 +24,8 @@ bool apply_inject_key(Profile &p, const std::string &key, const std::string &val
 // phone (throws BuildError when the library is missing or the executable is not the host's).
 void bind_injector(const PhoneSpec &s);
 
-// The environment lines that preload the injector (none without `inject` or outside `run`).
-std::vector<std::string> injector_env(const PhoneSpec &s);
+// Adds to the executable's environment what preloads the injector (nothing without `inject` or
+// outside `run`), with the address sanitizer's options that a preloaded library needs.
+void add_injector_env(const PhoneSpec &s, std::vector<std::string> &env);
 
 }  // namespace sim

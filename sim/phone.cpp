@@ -282,7 +282,7 @@ int phone_main(const PhoneSpec &s) {
     ExecPlan plan;
     plan.root = s.root;
     plan.env = phone_env(s.mode);
-    for (auto &e : injector_env(s)) plan.env.push_back(e);
+    add_injector_env(s, plan.env);
     int out_fd = -1, in_fd = -1;
     if (s.mode == Mode::kRun) {
         plan.argv = {kPhoneExe};
