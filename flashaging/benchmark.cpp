@@ -242,13 +242,22 @@ int benchmark_check() {
             }
             started[i] = true;
         }
-        // A worker that never started has no handle to join.
+        // A worker that never started has no handle to join. One that could not be joined may
+        // still run: its buffer and the records stay its own (never freed).
+        bool any_unjoined = false;
         for (int i = 0; i < kBenchWorkers; ++i) {
             if (started[i] && pthread_join(handles[i], nullptr) != 0) {
                 flash_printf("join thread %d fail\n", i);
-                started[i] = false;  // may still run: its buffer stays its own
+                started[i] = false;
+                any_unjoined = true;
             }
         }
+        auto free_workers = [&] {
+            if (any_unjoined)
+                leave_to_unjoined_thread(workers);
+            else
+                held_free(workers);
+        };
         // What a worker ended by the abnormal-end handler left behind.
         for (int i = 0; i < kBenchWorkers; ++i) {
             if (started[i]) held_free_kept(&workers[i].buf);
@@ -263,7 +272,7 @@ int benchmark_check() {
             int32_t result = workers[i].result;
             flash_printf("thread %d fail %d\n", static_cast<int>(workers[i].index), result);
             flash_printf("benchmark_end fail %d\n", result);
-            held_free(workers);
+            free_workers();
             return result;
         }
 
@@ -275,7 +284,7 @@ int benchmark_check() {
                      static_cast<double>(elapsed));
         flash_printf("%s: ==== speed is %.2fMB/s ====\n", m.name,
                      static_cast<double>(static_cast<float>(total >> 20) / elapsed));
-        held_free(workers);
+        free_workers();
     }
     return 0;
 }

@@ -1,7 +1,9 @@
 #include "flashaging/signal_hold.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <iterator>
 
 namespace {
 
@@ -67,3 +69,12 @@ int held_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *mutex, const stru
     }
 }
 
+namespace {
+std::atomic<void *> g_left_to_unjoined[64];
+std::atomic<unsigned> g_left_count{0};
+}  // namespace
+
+void leave_to_unjoined_thread(void *p) {
+    const unsigned at = g_left_count.fetch_add(1, std::memory_order_relaxed);
+    if (at < std::size(g_left_to_unjoined)) g_left_to_unjoined[at].store(p, std::memory_order_relaxed);
+}

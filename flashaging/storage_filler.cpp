@@ -286,6 +286,9 @@ int32_t filler_run_workers(uint32_t group, filler_thread_start start) {
     if (!any_unjoined) {
         held_free(handles);
         held_free(recs);
+    } else {
+        leave_to_unjoined_thread(handles);
+        leave_to_unjoined_thread(recs);
     }
     return fill;
 }
