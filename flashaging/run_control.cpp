@@ -95,6 +95,12 @@ void flash_sigroutine(int sig) {
     else
         finishOtherTest(2);
 
+    // What the standard output still holds goes out before the thread ends. Before set-up
+    // the main thread is the only one and its output (a file or a pipe, not yet the
+    // unbuffered log) is buffered; its end is then the process's, and bionic's thread end,
+    // like the kernel's, flushes no stream.
+    fflush(stdout);
+
     // Only the thread that caught the signal ends; the process carries on.
     flash_end_thread();
 }

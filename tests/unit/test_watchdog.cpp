@@ -2,12 +2,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -70,6 +74,19 @@ int g_destroyed;
 // A signal while the list is being built: the listed test is destroyed, there is no results
 // array to sum up and no record to write, and only the handler's thread ends. Returns what
 // the handler printed; the stand-in client's journal holds what the daemon was told.
+// Sets up the half-built list and runs the handler on the calling thread, which it ends.
+[[noreturn]] void abnormal_end_with_a_half_built_list_on_this_thread(test_args &args, int sig) {
+    args.aging_version = 2;  // keeps the dump away from the phone's fixed path
+    static flash_test listed{};
+    listed.destroy = [](flash_test *) { return 0; };
+    flash_tests[0] = &listed;
+    flash_tests[1] = nullptr;
+    flash_results = nullptr;
+    result_fd = 0;
+    flash_result = 1;
+    flash_sigroutine(sig);
+}
+
 std::string abnormal_end_with_a_half_built_list(test_args &args, int sig) {
     const auto saved = std::make_tuple(flash_tests[0], flash_tests[1], flash_results, result_fd, flash_result);
     args.aging_version = 2;  // keeps the dump away from the phone's fixed path
@@ -123,6 +140,45 @@ TEST_F(RunControl, OrderlyStopRequestWritesTheTemporaryResultsFileInsteadOfFaili
     ASSERT_NE(at, std::string::npos) << out;
     EXPECT_TRUE(matches(out.substr(at + summary.size()), line("INFO", "log_errno", "Can't create output file.\n")))
         << out;
+}
+
+// A signal before set-up, when the thread that takes it is the process's only thread and its
+// output still goes to a buffered standard output (a file or a pipe, not yet the unbuffered
+// log file): the handler's end of the thread ends the process, and bionic's thread end, like
+// the kernel's, flushes no stream. The handler's lines must be out first.
+TEST_F(RunControl, AbnormalEndOfTheOnlyThreadLeavesItsLinesInABufferedOutput) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a child of a threaded process: not under the thread sanitizer";
+#else
+    ScratchDir tmp;
+    const std::string path = tmp.file("stdout.txt");
+    fflush(stdout);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd < 0 || dup2(fd, 1) < 0) _exit(2);
+        setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+        printf("before the signal\n");
+        // The handler runs on a thread of its own and the main thread leaves by the kernel's
+        // exit, so that the C library ends the process with the handler's thread without a
+        // flush of its streams (as bionic does at the end of a process's last thread).
+        static test_args *child_args;
+        child_args = &args_;
+        pthread_t t;
+        auto handler = [](void *) -> void * { abnormal_end_with_a_half_built_list_on_this_thread(*child_args, SIGTERM); };
+        if (pthread_create(&t, nullptr, handler, nullptr) != 0) _exit(3);
+        for (;;) syscall(SYS_exit, 0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    const std::string out = slurp(path);
+    EXPECT_EQ(out.rfind("before the signal\n", 0), 0u) << out;
+    EXPECT_NE(out.find(" SIG 15 catched\n\n"), std::string::npos) << out;
+    EXPECT_TRUE(out.ends_with(" result callback is NULL!\n")) << out;
+#endif
 }
 
 }  // namespace
