@@ -61,6 +61,12 @@ void flash_close_wdt() {
     release_caught_signals(&saved);
 }
 
+namespace {
+thread_local bool t_ending = false;
+}  // namespace
+
+bool flash_thread_ending() { return t_ending; }
+
 void flash_sigroutine(int sig) {
     // A second caught signal would start the handler again on top of this one, inside
     // whatever call it is in (an allocation, a stream): it waits, and since the thread ends
@@ -102,5 +108,6 @@ void flash_sigroutine(int sig) {
     fflush(stdout);
 
     // Only the thread that caught the signal ends; the process carries on.
+    t_ending = true;
     flash_end_thread();
 }

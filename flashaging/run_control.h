@@ -19,5 +19,9 @@ void flash_close_wdt();
 // with no unwinding and no cleanup handlers in the strict-end build.
 [[noreturn]] void flash_end_thread();
 
+// Whether the calling thread is in the handler's last step, being ended (when it is the
+// process's last thread, the process ends there).
+bool flash_thread_ending();
+
 void driver_state_check();
 int device_get_flash_errors();  // 1 acceptable, 0 driver error

@@ -20,6 +20,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "flashaging/run_control.h"
+
 #if defined(__SANITIZE_ADDRESS__)
 #define FLASHAGING_ASAN 1
 #endif
@@ -61,11 +63,13 @@ const char *__lsan_default_suppressions() {
 }
 
 // The abnormal-end handler ends the thread that caught the signal, on purpose; whatever that
-// thread's frames held (the benchmark's buffers, the filler's thread records) goes with it
-// unfreed, since the workers still running may use it. The process then ends when its last
-// thread ends, and it is the only way it ends from a thread other than the main one: the
-// leak check is left out for that end alone.
-int __lsan_is_turned_off() { return gettid() != getpid(); }
+// thread's frames held (the filler's thread records on the main thread, an allocation it had
+// just made) goes with it unfreed, since the workers still running may use it. The process
+// then ends when its last thread ends: from a thread other than the main one (the only way
+// the process ends there), or from the handler's own end of the last thread. The leak check
+// is left out for those ends alone; a worker's buffers are kept where their starter frees
+// them, so a run whose main thread lives on to its end is checked whole.
+int __lsan_is_turned_off() { return gettid() != getpid() || flash_thread_ending(); }
 #endif
 
 #if defined(FLASHAGING_TSAN)

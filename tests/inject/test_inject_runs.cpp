@@ -56,17 +56,21 @@ std::string function_at(const std::string &address) {
     return found;
 }
 
-// The number of the first call of a trace ("call KIND N FUNCTION caller exe+0x...") made by
-// `function` of the executable; 0 when there is none.
-unsigned first_call_from(const std::string &record, const std::string &function) {
+// The number of the first (or last) call of a trace ("call KIND N FUNCTION caller exe+0x...")
+// made by `function` of the executable; 0 when there is none.
+unsigned first_call_from(const std::string &record, const std::string &function, bool last = false) {
     const std::regex call(R"(call \S+ (\d+) \S+ caller exe\+(0x[0-9a-f]+))");
     std::istringstream lines(record);
     std::string line;
+    unsigned found = 0;
     while (std::getline(lines, line)) {
         std::smatch m;
-        if (std::regex_search(line, m, call) && function_at(m[2]) == function) return std::stoul(m[1]);
+        if (std::regex_search(line, m, call) && function_at(m[2]) == function) {
+            found = std::stoul(m[1]);
+            if (!last) break;
+        }
     }
-    return 0;
+    return found;
 }
 
 // Whether the log holds `body` as a whole line behind the timestamp prefix.
@@ -113,16 +117,17 @@ TEST(Injector, CountsOnlyTheProgramsOwnCalls) {
     EXPECT_NE(slurp(dir + "/record").find("fired log:2:SIGTERM:after call vfprintf caller exe+0x"), std::string::npos);
 }
 
-// A trace of the kind, then the fault at the first call a function makes.
+// A trace of the kind, then the fault at the first (or last) call a function makes.
 struct Fault {
     e2e::RunResult run;
     std::string record;
 };
 
-Fault fault_at_first_call(const std::string &kind, const std::string &function, const std::string &fault) {
+Fault fault_at_first_call(const std::string &kind, const std::string &function, const std::string &fault,
+                          bool last = false) {
     Fault f;
     auto trace = e2e::run("sweep", {"inject = " + kind + ":0:trace", std::string("inject_lib = ") + FLASHAGING_INJECT_LIB});
-    const unsigned n = first_call_from(slurp(trace.out_dir + "/inject/record"), function);
+    const unsigned n = first_call_from(slurp(trace.out_dir + "/inject/record"), function, last);
     EXPECT_GT(n, 0u) << "no " << kind << " call from " << function;
     if (n == 0) return f;
     f.run = e2e::run("sweep", {"inject = " + kind + ":" + std::to_string(n) + ":" + fault,
@@ -217,6 +222,22 @@ TEST(Injector, ReaderEndedHoldingItsBufferLeavesItToTheCycle) {
     EXPECT_EQ(r.verdict_word(), "START");
     EXPECT_EQ(e2e::count(r.journal, "dump_stack"), 1) << r.journal;
     EXPECT_EQ(e2e::count(r.journal, "cleanEnvDone 2 "), 2) << r.journal;
+}
+
+// SIGTERM to the main thread at its last allocation, after the verdict (the clean-up before its
+// own report to the daemon): the handler reports and ends it, the process's last thread, and
+// the process ends there (under the address sanitizer the leak check then named what the
+// ended thread had just allocated and failed the run).
+TEST(Injector, MainThreadEndedAfterTheVerdictEndsTheProcessCleanly) {
+    Fault f = fault_at_first_call("alloc", "fv_cleanup", "SIGTERM", /*last=*/true);
+    const e2e::RunResult &r = f.run;
+    ASSERT_EQ(r.sim_exit, 0) << r.sim_output;
+    EXPECT_EQ(r.exe_status, 0) << r.sim_output;
+    EXPECT_TRUE(has_line(r.log, R"(\[FLASH\]ERROR:flash_sigroutine:\d+ SIG 15 catched\n)")) << r.log;
+    EXPECT_EQ(r.verdict_word(), "SUCCESS");
+    EXPECT_EQ(e2e::count(r.journal, "dump_stack"), 1) << r.journal;
+    EXPECT_EQ(e2e::count(r.journal, "cleanEnvDone 2 "), 1) << "the handler's only: " << r.journal;
+    EXPECT_EQ(e2e::count(r.journal, "finishOtherTest 2"), 1) << r.journal;
 }
 
 // SIGTERM just after the pass/fail record is created, before it says START: the signal waits
