@@ -75,7 +75,7 @@ int g_destroyed;
 // array to sum up and no record to write, and only the handler's thread ends. Returns what
 // the handler printed; the stand-in client's journal holds what the daemon was told.
 // Sets up the half-built list and runs the handler on the calling thread, which it ends.
-[[noreturn]] void abnormal_end_with_a_half_built_list_on_this_thread(test_args &args, int sig) {
+[[noreturn, maybe_unused]] void abnormal_end_with_a_half_built_list_on_this_thread(test_args &args, int sig) {
     args.aging_version = 2;  // keeps the dump away from the phone's fixed path
     static flash_test listed{};
     listed.destroy = [](flash_test *) { return 0; };
