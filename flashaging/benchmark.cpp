@@ -244,11 +244,13 @@ int benchmark_check() {
         }
         // A worker that never started has no handle to join. One that could not be joined may
         // still run: its buffer and the records stay its own (never freed).
+        bool unjoined[kBenchWorkers] = {};
         bool any_unjoined = false;
         for (int i = 0; i < kBenchWorkers; ++i) {
             if (started[i] && pthread_join(handles[i], nullptr) != 0) {
                 flash_printf("join thread %d fail\n", i);
                 started[i] = false;
+                unjoined[i] = true;
                 any_unjoined = true;
             }
         }
@@ -266,8 +268,14 @@ int benchmark_check() {
         close(fd);
         system_rm_file(paths::kBenchmarkDir);
 
+        // The records of workers that could not be joined are not read: such a worker may still
+        // be writing its record (and meets the descriptor closed above).
+        bench_worker seen[kBenchWorkers];
+        int n_seen = 0;
+        for (int i = 0; i < kBenchWorkers; ++i)
+            if (!unjoined[i]) seen[n_seen++] = workers[i];
         for (int i = 0; i < kBenchWorkers; ++i) {
-            if (workers[i].result == 0)
+            if (unjoined[i] || workers[i].result == 0)
                 continue;
             int32_t result = workers[i].result;
             flash_printf("thread %d fail %d\n", static_cast<int>(workers[i].index), result);
@@ -278,7 +286,7 @@ int benchmark_check() {
 
         uint64_t total = 0;
         float elapsed = 0;
-        bench_totals(workers, kBenchWorkers, &total, &elapsed);
+        bench_totals(seen, n_seen, &total, &elapsed);
         flash_printf("size is 0x%llx, file num is %u, time cost %f\n",
                      static_cast<unsigned long long>(total), bench_transfers_taken(),
                      static_cast<double>(elapsed));
